@@ -1,0 +1,49 @@
+// postclone: post-processes cloned, restored or migrated disks so that they boot and are unique.
+
+#include "cli/options.h"
+#include "cli/plan.h"
+#include "cli/report.h"
+#include "cli/terminal.h"
+#include "postprocessing/pp_handler.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitStepFailed = 1;
+constexpr int kExitUsage = 2;
+
+int usageError(const std::string& message)
+{
+    std::fprintf(stderr, "postclone: %s\n", message.c_str());
+    return kExitUsage;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const auto parsed = Cli::parseCommandLine(argc, argv);
+    if (!parsed.options)
+        return parsed.error.empty() ? parsed.exitCode : usageError(parsed.error);
+    const Cli::Options& options = *parsed.options;
+    if (options.listSteps) {
+        std::fputs(Cli::stepList().c_str(), stdout);
+        return kExitOk;
+    }
+    if (const auto error = Cli::checkMedia(options); !error.empty())
+        return usageError(error);
+
+    Platform::SysLogStream::install(std::make_shared<Cli::StderrLog>());
+    Platform::SysLogFilter::setLevel(options.logLevel);
+
+    const auto keeper = Cli::buildKeeper(options);
+    if (!keeper)
+        return usageError("out of memory");
+    Libraries::KRO::PostProcessing::PPHandler::process(keeper, Cli::progressForTerminal());
+
+    const std::string report = options.json ? Cli::jsonReport(*keeper) : Cli::textReport(*keeper);
+    std::fputs(report.c_str(), stdout);
+    return Cli::anyStepFailed(*keeper) ? kExitStepFailed : kExitOk;
+}

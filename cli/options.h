@@ -1,0 +1,44 @@
+#pragma once
+// What the user asked for on the command line.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Cli {
+
+struct Geometry {
+    std::uint32_t cylinders;
+    std::uint32_t heads;
+    std::uint32_t sectors;
+};
+
+struct StepSwitch {
+    int slot;
+    bool on;
+};
+
+struct Options {
+    std::vector<std::string> targets;
+    std::vector<std::string> sources; // the n-th pairs with the n-th target
+    std::optional<std::int32_t> preset;
+    std::vector<StepSwitch> switches; // --enable/--disable in command-line order, after the preset
+    std::optional<std::string> computerName;
+    std::optional<Geometry> geometry;
+    bool json = false;
+    int logLevel = 2;
+    bool listSteps = false;
+};
+
+// The outcome of parsing: options to run with, or an exit (help printed, or a usage error with
+// its one-line message).
+struct ParseResult {
+    std::optional<Options> options;
+    int exitCode = 0;
+    std::string error;
+};
+
+ParseResult parseCommandLine(int argc, char** argv);
+
+} // namespace Cli

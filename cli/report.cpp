@@ -1,0 +1,117 @@
+#include "cli/report.h"
+
+#include "cli/step_names.h"
+#include "platform/core/string_util.h"
+#include "postprocessing/pipeline.h"
+#include "postprocessing/step_labels.h"
+#include "postprocessing/tools/format_fs_id.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace Cli {
+
+namespace PP = Libraries::KRO::PostProcessing;
+using Platform::StrConv;
+
+namespace {
+
+std::string hexBytes(const PP::ByteArray& bytes)
+{
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        text += StrConv::str(bytes[i], 16, 2);
+    return text;
+}
+
+// Disk signatures as partitioning tools print them, GPT GUIDs mixed-endian, file-system UUIDs
+// (byte strings on disk) big-endian, FAT and NTFS serials as their tools show them.
+std::string idText(PP::u64 kind, const PP::ObjectRef& object)
+{
+    const auto bytes = Platform::refCast<PP::ByteArray>(object);
+    if (!bytes)
+        return {};
+    if (kind == PP::KindDiskIdChange && bytes->size() == 4)
+        return StrConv::str(PP::u64(bytes->data()[0]) | PP::u64(bytes->data()[1]) << 8 |
+                                PP::u64(bytes->data()[2]) << 16 | PP::u64(bytes->data()[3]) << 24,
+                            16, 8);
+    if (bytes->size() == 4 || bytes->size() == 8 || bytes->size() == 16) {
+        const auto format = kind == PP::KindVolumeIdChange ? PP::UUIDHelper::BigEndian : PP::UUIDHelper::MixedEndian;
+        if (auto text = PP::Tools::formatFsID(bytes, format))
+            return text->str();
+    }
+    return hexBytes(*bytes);
+}
+
+std::string padded(std::string_view text, std::size_t width)
+{
+    std::string result(text);
+    if (result.size() < width)
+        result.append(width - result.size(), ' ');
+    return result;
+}
+
+} // namespace
+
+std::vector<Mapping> recordedMappings(const PP::Keeper& keeper)
+{
+    std::vector<Mapping> mappings;
+    for (PP::u64 kind : {PP::KindDiskIdChange, PP::KindPartitionUuidChange, PP::KindVolumeIdChange})
+        for (PP::u64 index = keeper.findNext(kind, 0, 0); index != 0; index = keeper.findNext(kind, index, 0))
+            mappings.push_back({kind, keeper.getId(index), idText(kind, keeper.getFromObject(index)),
+                                idText(kind, keeper.getToObject(index))});
+    return mappings;
+}
+
+std::string textReport(const PP::Keeper& keeper)
+{
+    std::string text = padded("slot", 5) + padded("name", 20) + padded("label", 36) + "result\n";
+    for (int slot = 0; slot < PP::kStepCount; ++slot)
+        text += padded(std::to_string(slot), 5) + padded(stepName(slot), 20) + padded(PP::stepLabel(slot), 36) +
+                PP::resultWord(keeper.getResult(slot)) + "\n";
+    const auto mappings = recordedMappings(keeper);
+    if (!mappings.empty())
+        text += "\nid changes (kind, entry, old -> new):\n";
+    for (const auto& mapping : mappings)
+        text += "  " + std::to_string(mapping.kind) + "  " + std::to_string(mapping.entry) + "  " +
+                (mapping.oldId.empty() ? "-" : mapping.oldId) + " -> " + mapping.newId + "\n";
+    return text;
+}
+
+std::string jsonReport(const PP::Keeper& keeper)
+{
+    nlohmann::ordered_json steps = nlohmann::ordered_json::array();
+    for (int slot = 0; slot < PP::kStepCount; ++slot) {
+        const PP::StepResult result = keeper.getResult(slot);
+        steps.push_back({{"slot", slot},
+                         {"name", stepName(slot)},
+                         {"label", PP::stepLabel(slot)},
+                         {"result", static_cast<PP::u32>(result)},
+                         {"word", PP::resultWord(result)}});
+    }
+    nlohmann::ordered_json mappings = nlohmann::ordered_json::array();
+    for (const auto& mapping : recordedMappings(keeper))
+        mappings.push_back({{"kind", mapping.kind},
+                            {"entry", mapping.entry},
+                            {"old", mapping.oldId.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(mapping.oldId)},
+                            {"new", mapping.newId}});
+    return nlohmann::ordered_json{{"steps", steps}, {"mappings", mappings}}.dump(2) + "\n";
+}
+
+std::string stepList()
+{
+    std::string text;
+    for (int slot = 0; slot < PP::kStepCount; ++slot)
+        text += padded(std::to_string(slot), 4) + padded(stepName(slot), 20) + PP::stepLabel(slot) + "\n";
+    return text;
+}
+
+bool anyStepFailed(const PP::Keeper& keeper)
+{
+    for (int slot = 0; slot < PP::kStepCount; ++slot)
+        if (keeper.getResult(slot) == PP::StepResult::Failed)
+            return true;
+    return false;
+}
+
+} // namespace Cli

@@ -1,0 +1,28 @@
+#pragma once
+// The report printed after a run: every slot's result, and the id changes the run recorded.
+
+#include "postprocessing/keeper.h"
+
+#include <string>
+#include <vector>
+
+namespace Cli {
+
+struct Mapping {
+    std::uint64_t kind;
+    std::uint64_t entry; // the disk or partition entry the change belongs to
+    std::string oldId;   // empty when the step recorded no old id
+    std::string newId;
+};
+
+// The kind-5 (disk id), kind-9 (partition UUID) and kind-13 (volume id) changes, in keeper order.
+std::vector<Mapping> recordedMappings(const Libraries::KRO::PostProcessing::Keeper& keeper);
+
+std::string textReport(const Libraries::KRO::PostProcessing::Keeper& keeper);
+std::string jsonReport(const Libraries::KRO::PostProcessing::Keeper& keeper);
+std::string stepList();
+
+// True when any slot ended "FAILED".
+bool anyStepFailed(const Libraries::KRO::PostProcessing::Keeper& keeper);
+
+} // namespace Cli

@@ -1,0 +1,285 @@
+#include "postprocessing/pipeline.h"
+
+#include "postprocessing/log_channels.h"
+#include "postprocessing/step_labels.h"
+
+#include <string>
+
+namespace Libraries::KRO::PostProcessing {
+
+namespace {
+
+constexpr u64 kProgressTotal = 24;
+
+// One run of the pipeline: the keeper, the notifier and the progress counter.
+class Run {
+public:
+    Run(Ref<Keeper> keeper, Ref<PPNotifier> notifier, const PipelineSteps& steps)
+        : keeper_(std::move(keeper)), notifier_(std::move(notifier)), steps_(steps)
+    {
+    }
+
+    void execute();
+
+private:
+    void changeDiskIds();
+    void partitionType();
+    void gptMigrationOrBcd();
+    void systemHive();
+    void grubSectorLists();
+
+    // Runs a one-slot step when its switch is on and it is built; stores 1 otherwise.
+    void singleStep(s32 slot, const char* outcome, const PipelineSteps::Step& step);
+    // A one-slot step followed by its report and a progress advance.
+    void stage(s32 slot, const char* outcome, const PipelineSteps::Step& step)
+    {
+        singleStep(slot, outcome, step);
+        report(slot);
+        advance();
+    }
+    StepResult invoke(const PipelineSteps::Step& step) { return step(keeper_); }
+    void announce(const char* label) { LogMessage(Channels::handler(), LogDetail) << label; }
+    void outcome(const char* label, StepResult result)
+    {
+        LogMessage(Channels::handler(), LogNotice) << label << resultWord(result);
+    }
+    void subSwitch(s32 slot)
+    {
+        if (keeper_->isEnabled(slot))
+            announce(stepLabel(slot));
+    }
+    void report(s32 slot);
+    void advance();
+
+    Ref<Keeper> keeper_;
+    Ref<PPNotifier> notifier_;
+    const PipelineSteps& steps_;
+    u64 counter_ = 0;
+};
+
+void Run::execute()
+{
+    changeDiskIds();
+    stage(StepMbrChs, "MBR CHS adjustment: ", steps_.adjustMbrCHS);
+    stage(StepMediaDirect, "Dell MediaDirect: ", steps_.removeMediaDirect);
+    // New volume ids recorded by the caller switch this step on by themselves.
+    const bool fsIdsWanted = keeper_->isEnabled(StepFsIds) || keeper_->findNext(KindVolumeIdChange, 0, 0) != 0;
+    if (fsIdsWanted && steps_.changeVolumeIds) {
+        announce(stepLabel(StepFsIds));
+        const StepResult result = invoke(steps_.changeVolumeIds);
+        keeper_->setResult(StepFsIds, result);
+        outcome("fs id change: ", result);
+    } else {
+        keeper_->setResult(StepFsIds, StepResult::NotActivated);
+    }
+    report(StepFsIds);
+    advance();
+    stage(StepLbaPatch, "Win LBA patch: ", steps_.applyLbaPatch);
+    stage(StepPartitionChs, "Partition CHS adjustments: ", steps_.adjustPartitionCHS);
+    stage(StepFsOffset, "fs offset adjustment: ", steps_.adjustFsOffset);
+    partitionType();
+    gptMigrationOrBcd();
+    stage(StepMountedDevices, "mounted devices adjustment: ", steps_.adjustMountedDevices);
+    systemHive();
+    stage(StepHiberfile, "win hiberfile purge: ", steps_.purgeHiberfile);
+    stage(StepCleanShutdown, "win clean shutdown adjustment: ", steps_.setCleanShutdown);
+    stage(StepWsusId, "clear WSUS id: ", steps_.clearUpdateClientId);
+    grubSectorLists();
+    stage(StepGrubConfig, "Grub config adjustment: ", steps_.adjustGrubCfg);
+    stage(StepSyslinux, "Syslinux sector list adjustment: ", steps_.adjustSyslinux);
+    stage(StepRaspberryPi, "Raspberry Pi config adjustment: ", steps_.adjustRaspberryPi);
+    singleStep(StepFstab, "linux fstab adjustment: ", steps_.adjustFstab);
+    report(StepFstab);
+    if (notifier_)
+        notifier_->completed();
+}
+
+// Runs even with both switches off: the step then only reads the current ids.
+void Run::changeDiskIds()
+{
+    announce(stepLabel(StepDiskIds));
+    StepResult result = StepResult::NotActivated;
+    if (steps_.changeDiskIds) {
+        result = invoke(steps_.changeDiskIds);
+    } else {
+        keeper_->setResult(StepDiskIds, StepResult::NotActivated);
+        keeper_->setResult(StepPartitionIds, StepResult::NotActivated);
+    }
+    if (!keeper_->isEnabled(StepDiskIds) && !keeper_->isEnabled(StepPartitionIds)) {
+        if (result == StepResult::NotActivated)
+            LogMessage(Channels::handler(), LogNotice) << "Disk signature change disabled by settings";
+        else if (result != StepResult::Ok)
+            LogMessage(Channels::handler(), LogWarning) << "Could not get current disk ids: " << resultWord(result);
+    } else {
+        outcome("New disks ids: ", result);
+    }
+    report(StepDiskIds);
+    report(StepPartitionIds);
+    advance();
+}
+
+// Slot 7 (transfer, told whether slot 6 is on) takes precedence over slot 6 (adjust only); the
+// slot that did not run reads "Not activated". Only slot 6 is reported.
+void Run::partitionType()
+{
+    const bool adjustOn = keeper_->isEnabled(StepPartitionType);
+    if (keeper_->isEnabled(StepTransferPartitionType) && steps_.transferOrAdjustPartitionType) {
+        announce(stepLabel(StepTransferPartitionType));
+        const StepResult result = steps_.transferOrAdjustPartitionType(keeper_, adjustOn);
+        keeper_->setResult(StepTransferPartitionType, result);
+        keeper_->setResult(StepPartitionType, StepResult::NotActivated);
+        outcome("partition type adjustment: ", result);
+    } else if (adjustOn && steps_.adjustPartitionType) {
+        announce(stepLabel(StepPartitionType));
+        const StepResult result = invoke(steps_.adjustPartitionType);
+        keeper_->setResult(StepPartitionType, result);
+        keeper_->setResult(StepTransferPartitionType, StepResult::NotActivated);
+        outcome("partition type adjustment: ", result);
+    } else {
+        keeper_->setResult(StepPartitionType, StepResult::NotActivated);
+        keeper_->setResult(StepTransferPartitionType, StepResult::NotActivated);
+    }
+    report(StepPartitionType);
+    advance();
+}
+
+// A GPT migration replaces both BCD steps.
+void Run::gptMigrationOrBcd()
+{
+    if (keeper_->isEnabled(StepGptMigration) && steps_.migrateGpt) {
+        const StepResult result = invoke(steps_.migrateGpt);
+        keeper_->setResult(StepGptMigration, result);
+        outcome("Migrate GPT Adjustment: ", result);
+    } else {
+        keeper_->setResult(StepGptMigration, StepResult::NotActivated);
+        singleStep(StepCreateBcd, "BCD Creation: ", steps_.createBCD);
+        singleStep(StepAdjustBcd, "BCD Adjustment: ", steps_.adjustBcd);
+        report(StepAdjustBcd);
+    }
+    advance();
+}
+
+// Always runs; the adjustment reads the sub-switches and stores their results itself.
+void Run::systemHive()
+{
+    announce("Adjusting system hive");
+    subSwitch(StepIde);
+    subSwitch(StepAhci);
+    subSwitch(StepNvme);
+    subSwitch(StepUsb);
+    subSwitch(StepUsb3);
+    subSwitch(StepAtapi);
+    subSwitch(StepRaid);
+    subSwitch(StepComputerName);
+    if (steps_.adjustSystemHives)
+        invoke(steps_.adjustSystemHives);
+    for (s32 slot : {StepIde, StepAhci, StepNvme, StepUsb, StepUsb3, StepAtapi, StepRaid, StepComputerName})
+        report(slot);
+    advance();
+}
+
+// Either switch runs the step; its result lands in slot 25.
+void Run::grubSectorLists()
+{
+    const bool wanted = keeper_->isEnabled(StepGrubSectors) || keeper_->isEnabled(StepGrubSectorsAlt);
+    if (wanted && steps_.adjustGrubSectorLists) {
+        announce(stepLabel(StepGrubSectors));
+        const StepResult result = invoke(steps_.adjustGrubSectorLists);
+        keeper_->setResult(StepGrubSectors, result);
+        outcome("Grub sector list adjustment: ", result);
+    } else {
+        keeper_->setResult(StepGrubSectors, StepResult::NotActivated);
+    }
+    report(StepGrubSectors);
+    report(StepGrubSectorsAlt);
+    advance();
+}
+
+void Run::singleStep(s32 slot, const char* outcomeLabel, const PipelineSteps::Step& step)
+{
+    if (!keeper_->isEnabled(slot) || !step) {
+        keeper_->setResult(slot, StepResult::NotActivated);
+        return;
+    }
+    announce(stepLabel(slot));
+    const StepResult result = invoke(step);
+    keeper_->setResult(slot, result);
+    outcome(outcomeLabel, result);
+}
+
+void Run::report(s32 slot)
+{
+    const StepResult result = keeper_->getResult(slot);
+    if (notifier_ && result >= StepResult::NothingFound)
+        notifier_->stepFinished(u32(slot), result);
+}
+
+void Run::advance()
+{
+    ++counter_;
+    if (notifier_)
+        notifier_->progress(counter_ >= kProgressTotal ? 1.0 : double(counter_) / double(kProgressTotal));
+}
+
+} // namespace
+
+const char* resultWord(StepResult result) noexcept
+{
+    switch (result) {
+    case StepResult::NotAccessed:
+        return "Not accessed";
+    case StepResult::NotActivated:
+        return "Not activated";
+    case StepResult::NothingFound:
+        return "Nothing found";
+    case StepResult::Ok:
+        return "Ok";
+    case StepResult::Failed:
+        return "FAILED";
+    }
+    return "";
+}
+
+const PipelineSteps& PipelineSteps::builtIn()
+{
+    // Steps land here as they are built; until then they read as switched off.
+    static const PipelineSteps steps{};
+    return steps;
+}
+
+bool runPipeline(Ref<Keeper> keeper, Ref<PPNotifier> notifier, const PipelineSteps& steps)
+{
+    if (!keeper) {
+        LogMessage(Channels::handler(), LogError) << "No keeper object";
+        return true;
+    }
+    Run(std::move(keeper), std::move(notifier), steps).execute();
+    return true;
+}
+
+bool PPHandler::process(Ref<Keeper> keeper, Ref<PPNotifier> notifier)
+{
+    return runPipeline(std::move(keeper), std::move(notifier), PipelineSteps::builtIn());
+}
+
+bool PPHandler::process(Ref<Keeper> keeper, Ref<Interfaces::ProgressNotifier> progress)
+{
+    Ref<PPNotifier> notifier;
+    if (progress)
+        notifier = Platform::makeRef<PPNotifierObj>(std::move(progress));
+    return process(std::move(keeper), notifier);
+}
+
+void PPNotifierObj::progress(double fraction)
+{
+    if (progress_)
+        progress_->progress(fraction);
+}
+
+void PPNotifierObj::completed()
+{
+    if (progress_)
+        progress_->completed();
+}
+
+} // namespace Libraries::KRO::PostProcessing

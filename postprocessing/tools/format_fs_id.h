@@ -1,0 +1,12 @@
+#pragma once
+// The text that logs and user interfaces show for a file-system or storage id.
+
+#include "postprocessing/tools/uuid_helper.h"
+
+namespace Libraries::KRO::PostProcessing::Tools {
+
+// 4 bytes: "HHHH-LLLL" of the little-endian value; 8 bytes: "HHHHHHHH-LLLLLLLL"; 16 bytes: the
+// UUID text in the given format. Null (and a log line) for a null or other-sized array.
+Ref<String> formatFsID(Ref<ByteArray> id, UUIDHelper::PlatformFormat format);
+
+} // namespace Libraries::KRO::PostProcessing::Tools

@@ -1,0 +1,36 @@
+#pragma once
+// Runs programs for integration tests (postclone itself and the tools that check its work) and
+// gives each test a temporary folder of its own.
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace TestSupport {
+
+struct CommandResult {
+    int exitCode; // -1 when the program could not be started or was killed
+    std::string out;
+    std::string err;
+};
+
+// Runs argv[0] (looked up in PATH) with no shell involved.
+CommandResult run(const std::vector<std::string>& argv);
+
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+    std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+private:
+    std::filesystem::path path_;
+};
+
+// A zero-filled (sparse) file of the given size.
+void createImage(const std::string& path, std::uint64_t bytes);
+
+} // namespace TestSupport
