@@ -1,0 +1,85 @@
+#pragma once
+// Bounds-checked little-endian access to on-disk bytes. Reads past the end yield 0 and set a
+// sticky error, so that a parser can read every field and check once.
+
+#include <cstdint>
+#include <span>
+
+namespace Platform {
+
+class ByteView {
+public:
+    explicit ByteView(std::span<const std::uint8_t> bytes) noexcept : bytes_(bytes) {}
+
+    std::uint8_t u8(std::size_t offset) noexcept { return std::uint8_t(get(offset, 1)); }
+    std::uint16_t u16(std::size_t offset) noexcept { return std::uint16_t(get(offset, 2)); }
+    std::uint32_t u32(std::size_t offset) noexcept { return std::uint32_t(get(offset, 4)); }
+    std::uint64_t u64(std::size_t offset) noexcept { return get(offset, 8); }
+    // A sub-range; empty (and the error set) when it does not fit.
+    std::span<const std::uint8_t> bytes(std::size_t offset, std::size_t length) noexcept
+    {
+        if (!fits(offset, length))
+            return {};
+        return bytes_.subspan(offset, length);
+    }
+
+    bool ok() const noexcept { return ok_; }
+    std::size_t size() const noexcept { return bytes_.size(); }
+
+private:
+    bool fits(std::size_t offset, std::size_t length) noexcept
+    {
+        if (offset > bytes_.size() || length > bytes_.size() - offset)
+            ok_ = false;
+        return ok_;
+    }
+    std::uint64_t get(std::size_t offset, std::size_t width) noexcept
+    {
+        if (!fits(offset, width))
+            return 0;
+        std::uint64_t value = 0;
+        for (std::size_t i = width; i-- > 0;)
+            value = value << 8 | bytes_[offset + i];
+        return value;
+    }
+
+    std::span<const std::uint8_t> bytes_;
+    bool ok_ = true;
+};
+
+// Little-endian stores into a mutable buffer, with the same sticky bounds check.
+class ByteWriter {
+public:
+    explicit ByteWriter(std::span<std::uint8_t> bytes) noexcept : bytes_(bytes) {}
+
+    void u8(std::size_t offset, std::uint8_t value) noexcept { put(offset, value, 1); }
+    void u16(std::size_t offset, std::uint16_t value) noexcept { put(offset, value, 2); }
+    void u32(std::size_t offset, std::uint32_t value) noexcept { put(offset, value, 4); }
+    void u64(std::size_t offset, std::uint64_t value) noexcept { put(offset, value, 8); }
+    void bytes(std::size_t offset, std::span<const std::uint8_t> value) noexcept
+    {
+        if (offset > bytes_.size() || value.size() > bytes_.size() - offset) {
+            ok_ = false;
+            return;
+        }
+        for (std::size_t i = 0; i < value.size(); ++i)
+            bytes_[offset + i] = value[i];
+    }
+    bool ok() const noexcept { return ok_; }
+
+private:
+    void put(std::size_t offset, std::uint64_t value, std::size_t width) noexcept
+    {
+        if (offset > bytes_.size() || width > bytes_.size() - offset) {
+            ok_ = false;
+            return;
+        }
+        for (std::size_t i = 0; i < width; ++i)
+            bytes_[offset + i] = std::uint8_t(value >> (8 * i));
+    }
+
+    std::span<std::uint8_t> bytes_;
+    bool ok_ = true;
+};
+
+} // namespace Platform

@@ -1,0 +1,54 @@
+#pragma once
+// Reads a disk's partition table (MBR with logical partitions, or GPT), lets callers change ids,
+// types and CHS values, and writes back only the sectors that changed.
+
+#include "platform/core/byte_array.h"
+#include "platform/log/log.h"
+#include "platform/partman/partition.h"
+#include "platform/storage/storage.h"
+
+#include <span>
+#include <vector>
+
+namespace Platform {
+
+class PartitionManager : public Object {
+public:
+    // The table on storage, or null (with a log line on the "Partman" channel) when there is none
+    // or it is damaged beyond what a partitioning tool would repair. sectorSize is the caller's
+    // expectation; the table is read in the storage's own element size.
+    static Ref<PartitionManager> create(Ref<Interfaces::Storage> storage, std::uint32_t sectorSize);
+
+    virtual TableType tableType() const = 0;
+    // The MBR signature (4 bytes as on disk) or the GPT disk GUID (16 bytes).
+    virtual Ref<ByteArray> diskId() const = 0;
+    // false when the size does not fit the table.
+    virtual bool setDiskId(std::span<const std::uint8_t> id) = 0;
+
+    std::size_t partitionCount() const { return partitions_.size(); }
+    // The index-th partition in table order, or null past the end.
+    Ref<Partition> partition(std::size_t index) const
+    {
+        return index < partitions_.size() ? partitions_[index] : Ref<Partition>();
+    }
+
+    // Writes every changed sector, the table's backup copy first, and flushes when asked. Returns
+    // 0 on success, else the error code of the failed write (the table on disk is then the old
+    // or the new one in each copy, never a torn sector mix within one copy's header).
+    virtual std::uint32_t commit(bool flush = true) = 0;
+
+protected:
+    explicit PartitionManager(Ref<Interfaces::Storage> storage) : storage_(std::move(storage)) {}
+
+    bool readSectors(std::uint64_t lba, std::uint64_t count, std::vector<std::uint8_t>& out) const;
+    // Writes the sectors of `now` that differ from `before` (both count whole sectors from lba).
+    std::uint32_t writeChanged(std::uint64_t lba, const std::vector<std::uint8_t>& before,
+                               const std::vector<std::uint8_t>& now) const;
+
+    static LogChannel channel();
+
+    Ref<Interfaces::Storage> storage_;
+    std::vector<Ref<Partition>> partitions_;
+};
+
+} // namespace Platform

@@ -1,0 +1,40 @@
+#pragma once
+// An image file or a block device as a storage. Block devices report their logical sector size;
+// image files use 512-byte sectors (a trailing partial sector is not part of the storage).
+
+#include "platform/storage/storage.h"
+
+#include <string>
+
+namespace Platform {
+
+class FileStorage : public Object, public virtual Interfaces::Storage {
+public:
+    enum class Access { ReadOnly, ReadWrite };
+
+    // Null when the path cannot be opened or is neither a regular file nor a block device; the
+    // per-thread Error then holds the errno (32 for a missing path).
+    static Ref<FileStorage> open(const std::string& path, Access access);
+    ~FileStorage() override;
+
+    std::uint32_t elementSize() const override { return elementSize_; }
+    std::uint64_t elementCount() const override { return elementCount_; }
+    std::uint64_t read(std::uint64_t index, std::uint64_t count, void* buffer) override;
+    std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) override;
+    bool flush() override;
+
+    const std::string& path() const { return path_; }
+
+    FileStorage(int fd, std::string path, std::uint32_t elementSize, std::uint64_t elementCount)
+        : fd_(fd), path_(std::move(path)), elementSize_(elementSize), elementCount_(elementCount)
+    {
+    }
+
+private:
+    int fd_;
+    std::string path_;
+    std::uint32_t elementSize_;
+    std::uint64_t elementCount_;
+};
+
+} // namespace Platform
