@@ -22,8 +22,8 @@ std::optional<Geometry> parseGeometry(const std::string& text)
 }
 
 // CLI11 keeps --enable and --disable values apart; parse_order() gives back their interleaving.
-std::optional<std::string> collectSwitches(const CLI::App& app, const CLI::Option* enable,
-                                           const CLI::Option* disable, const std::vector<std::string>& enabled,
+std::optional<std::string> collectSwitches(const CLI::App& app, const CLI::Option* enable, const CLI::Option* disable,
+                                           const std::vector<std::string>& enabled,
                                            const std::vector<std::string>& disabled, Options& options)
 {
     std::size_t nextEnabled = 0, nextDisabled = 0;
@@ -51,13 +51,11 @@ ParseResult parseCommandLine(int argc, char** argv)
     std::string geometry;
 
     app.add_option("TARGET", options.targets, "Disk image file or block device to post-process");
-    app.add_option("--source", options.sources, "Source disk of the n-th TARGET (repeatable)")
-        ->allow_extra_args(false);
+    app.add_option("--source", options.sources, "Source disk of the n-th TARGET (repeatable)")->allow_extra_args(false);
     app.add_option("--preset", options.preset, "Switch a fixed set of steps on (1, 2 or 3; others: all granted)");
-    auto* enable = app.add_option("--enable", enabled, "Switch a step on (repeatable; see --list-steps)")
-                       ->allow_extra_args(false);
-    auto* disable =
-        app.add_option("--disable", disabled, "Switch a step off (repeatable)")->allow_extra_args(false);
+    auto* enable =
+        app.add_option("--enable", enabled, "Switch a step on (repeatable; see --list-steps)")->allow_extra_args(false);
+    auto* disable = app.add_option("--disable", disabled, "Switch a step off (repeatable)")->allow_extra_args(false);
     app.add_option("--computer-name", options.computerName, "New Windows computer name");
     app.add_option("--geometry", geometry, "Target disk geometry as C,H,S");
     app.add_flag("--json", options.json, "Print the report as one JSON object");

@@ -1,5 +1,8 @@
 #include "cli/plan.h"
 
+#include "platform/partman/partition_manager.h"
+#include "platform/storage/file_storage.h"
+#include "platform/storage/window_storage.h"
 #include "postprocessing/pp_handler.h"
 
 #include <cerrno>
@@ -26,6 +29,51 @@ std::string checkMedium(const std::string& path, const char* role, int mode)
         return std::string("cannot open ") + role + " '" + path + "': " + std::strerror(errno);
     ::close(fd);
     return {};
+}
+
+using Platform::FileStorage;
+using Platform::PartitionManager;
+using Platform::Ref;
+
+PP::Variant integer(PP::u64 value)
+{
+    return PP::Variant::integer(value);
+}
+
+PP::Variant uuidValue(const Platform::Guid& uuid)
+{
+    return PP::Variant::bytes({uuid.begin(), uuid.end()});
+}
+
+// The partition side of one disk: per partition of the target's table (in table order) an entry
+// (kind 1), its storages as windows over the images (kind 8), its start sectors (kind 2) and its
+// sector sizes (kind 3). Source values come from the source partition at the same position.
+void describePartitions(PP::Keeper& keeper, PP::u64 disk, const Ref<Interfaces::Storage>& target,
+                        const Ref<Interfaces::Storage>& source)
+{
+    const auto targetTable = PartitionManager::create(target, 512);
+    if (!targetTable)
+        return;
+    const auto sourceTable = source ? PartitionManager::create(source, 512) : Ref<PartitionManager>();
+    for (std::size_t i = 0; i < targetTable->partitionCount(); ++i) {
+        const auto partition = targetTable->partition(i);
+        const auto sourcePartition = sourceTable ? sourceTable->partition(i) : Ref<Platform::Partition>();
+        PP::VariantList from;
+        if (sourcePartition)
+            from.push_back(uuidValue(sourcePartition->uuid()));
+        const PP::u64 entry = keeper.addEntry(PP::KindPartition, from, {uuidValue(partition->uuid())}, disk, 0);
+
+        const auto targetWindow = Platform::WindowStorage::create(target, partition->start(), partition->size());
+        const auto sourceWindow =
+            sourcePartition ? Platform::WindowStorage::create(source, sourcePartition->start(), sourcePartition->size())
+                            : Ref<Platform::WindowStorage>();
+        keeper.addObjectEntry(PP::KindPartitionStorage, sourceWindow, targetWindow, entry, 0);
+
+        const PP::u64 sourceStart = sourcePartition ? sourcePartition->start() : partition->start();
+        keeper.addEntry(PP::KindPartitionOffset, {integer(sourceStart)}, {integer(partition->start())}, entry, 0);
+        const PP::u64 sourceSector = source ? source->elementSize() : target->elementSize();
+        keeper.addEntry(PP::KindElementSize, {integer(sourceSector)}, {integer(target->elementSize())}, entry, 0);
+    }
 }
 
 } // namespace
@@ -55,8 +103,15 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options)
         PP::VariantList from;
         if (i < options.sources.size())
             from.push_back(PP::Variant::string(options.sources[i]));
-        const PP::u64 disk =
-            keeper->addEntry(PP::KindDisk, from, {PP::Variant::string(options.targets[i])}, 0, 0);
+        const PP::u64 disk = keeper->addEntry(PP::KindDisk, from, {PP::Variant::string(options.targets[i])}, 0, 0);
+        const auto target = FileStorage::open(options.targets[i], FileStorage::Access::ReadWrite);
+        const auto source = i < options.sources.size()
+                                ? FileStorage::open(options.sources[i], FileStorage::Access::ReadOnly)
+                                : Ref<FileStorage>();
+        if (!target)
+            return {};
+        keeper->addObjectEntry(PP::KindDiskStorage, source, target, disk, 0);
+        describePartitions(*keeper, disk, target, source);
         if (options.geometry) {
             const auto& g = *options.geometry;
             keeper->addEntry(PP::KindDiskGeometry, {}, {PP::PPHandler::encodeCHS(g.cylinders, g.heads, g.sectors)},

@@ -1,11 +1,15 @@
 #include "cli/report.h"
 
 #include "cli/step_names.h"
+#include "platform/core/bytes.h"
 #include "platform/core/string_util.h"
+#include "platform/partman/partition.h"
 #include "postprocessing/pipeline.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/tools/format_fs_id.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -24,17 +28,30 @@ std::string hexBytes(const PP::ByteArray& bytes)
     return text;
 }
 
-// Disk signatures as partitioning tools print them, GPT GUIDs mixed-endian, file-system UUIDs
-// (byte strings on disk) big-endian, FAT and NTFS serials as their tools show them.
+std::string lowerCase(std::string text)
+{
+    for (char& c : text)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// Disk signatures and MBR partition ids as Linux shows them (PTUUID 1a2b3c4d, PARTUUID
+// 1a2b3c4d-01), GPT GUIDs mixed-endian, file-system UUIDs (byte strings on disk) big-endian, FAT
+// and NTFS serials as their tools show them.
 std::string idText(PP::u64 kind, const PP::ObjectRef& object)
 {
     const auto bytes = Platform::refCast<PP::ByteArray>(object);
     if (!bytes)
         return {};
     if (kind == PP::KindDiskIdChange && bytes->size() == 4)
-        return StrConv::str(PP::u64(bytes->data()[0]) | PP::u64(bytes->data()[1]) << 8 |
-                                PP::u64(bytes->data()[2]) << 16 | PP::u64(bytes->data()[3]) << 24,
-                            16, 8);
+        return lowerCase(StrConv::str(Platform::ByteView(bytes->bytes()).u32(0), 16, 8));
+    if (kind == PP::KindPartitionUuidChange && bytes->size() == 16) {
+        Platform::Guid uuid{};
+        std::copy(bytes->bytes().begin(), bytes->bytes().end(), uuid.begin());
+        std::uint32_t signature = 0, entry = 0;
+        if (Platform::Partition::getDiskIDAndEntryFromUUID(uuid, signature, entry))
+            return lowerCase(StrConv::str(signature, 16, 8)) + "-" + StrConv::str(entry + 1, 10, 2);
+    }
     if (bytes->size() == 4 || bytes->size() == 8 || bytes->size() == 16) {
         const auto format = kind == PP::KindVolumeIdChange ? PP::UUIDHelper::BigEndian : PP::UUIDHelper::MixedEndian;
         if (auto text = PP::Tools::formatFsID(bytes, format))
@@ -91,10 +108,11 @@ std::string jsonReport(const PP::Keeper& keeper)
     }
     nlohmann::ordered_json mappings = nlohmann::ordered_json::array();
     for (const auto& mapping : recordedMappings(keeper))
-        mappings.push_back({{"kind", mapping.kind},
-                            {"entry", mapping.entry},
-                            {"old", mapping.oldId.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(mapping.oldId)},
-                            {"new", mapping.newId}});
+        mappings.push_back(
+            {{"kind", mapping.kind},
+             {"entry", mapping.entry},
+             {"old", mapping.oldId.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(mapping.oldId)},
+             {"new", mapping.newId}});
     return nlohmann::ordered_json{{"steps", steps}, {"mappings", mappings}}.dump(2) + "\n";
 }
 

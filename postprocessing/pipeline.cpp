@@ -1,7 +1,11 @@
 #include "postprocessing/pipeline.h"
 
+#include "postprocessing/common/disk_ids.h"
+#include "postprocessing/common/mbr_chs.h"
+#include "postprocessing/common/media_direct.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
+#include "postprocessing/windows/lba_patch.h"
 
 #include <string>
 
@@ -243,7 +247,14 @@ const char* resultWord(StepResult result) noexcept
 const PipelineSteps& PipelineSteps::builtIn()
 {
     // Steps land here as they are built; until then they read as switched off.
-    static const PipelineSteps steps{};
+    static const PipelineSteps steps = [] {
+        PipelineSteps built;
+        built.changeDiskIds = Common::changeDiskIds;
+        built.adjustMbrCHS = Common::adjustMbrCHS;
+        built.removeMediaDirect = Common::removeMediaDirect;
+        built.applyLbaPatch = Windows::applyLbaPatch;
+        return built;
+    }();
     return steps;
 }
 

@@ -49,8 +49,8 @@ std::optional<GuidPartitionTable::Copy> GuidPartitionTable::readCopy(std::uint64
     Copy copy;
     copy.headerLba = headerLba;
     if (!readSectors(headerLba, 1, copy.header)) {
-        LogMessage(channel(), LogWarning) << "The " << which << " GPT header at sector " << headerLba
-                                          << " cannot be read";
+        LogMessage(channel(), LogWarning)
+            << "The " << which << " GPT header at sector " << headerLba << " cannot be read";
         return std::nullopt;
     }
     ByteView view(copy.header);
@@ -119,9 +119,9 @@ bool GuidPartitionTable::loadPartitions()
         const std::uint64_t first = view.u64(E::kFirstLba);
         const std::uint64_t last = view.u64(E::kLastLba);
         if (first == 0 || last < first || last >= storage_->elementCount()) {
-            LogMessage(channel(), LogError) << "GPT partition " << slot + 1 << " (sectors " << first << " to " << last
-                                            << ") does not lie on the disk of " << storage_->elementCount()
-                                            << " sectors";
+            LogMessage(channel(), LogError)
+                << "GPT partition " << slot + 1 << " (sectors " << first << " to " << last
+                << ") does not lie on the disk of " << storage_->elementCount() << " sectors";
             return false;
         }
         partitions_.push_back(makeRef<Partition>(TableType::Gpt, slot, first, last - first + 1,

@@ -19,9 +19,15 @@ bool hasBootSignature(std::span<const std::uint8_t> sector)
     return view.u8(L::Mbr::kBootSignature) == 0x55 && view.u8(L::Mbr::kBootSignature + 1) == 0xAA && view.ok();
 }
 
-bool isExtended(std::uint8_t type) { return type == 0x05 || type == 0x0F || type == 0x85; }
+bool isExtended(std::uint8_t type)
+{
+    return type == 0x05 || type == 0x0F || type == 0x85;
+}
 
-std::size_t entryOffset(std::size_t slot) { return L::Mbr::kEntries + slot * L::Mbr::kEntrySize; }
+std::size_t entryOffset(std::size_t slot)
+{
+    return L::Mbr::kEntries + slot * L::Mbr::kEntrySize;
+}
 
 std::uint32_t readChs(ByteView& view, std::size_t at)
 {
@@ -102,10 +108,10 @@ bool MbrPartitionTable::addEntry(std::uint32_t index, std::uint64_t sectorLba, s
         return false;
     }
     const std::uint8_t type = view.u8(offset + L::MbrEntry::kType);
-    auto partition = makeRef<Partition>(TableType::Mbr, index, start, size,
-                                        Partition::getUUIDFromDiskIDAndEntry(signature_, index),
-                                        Partition::mbrTypeUUID(type), readChs(view, offset + L::MbrEntry::kChsStart),
-                                        readChs(view, offset + L::MbrEntry::kChsEnd));
+    auto partition =
+        makeRef<Partition>(TableType::Mbr, index, start, size, Partition::getUUIDFromDiskIDAndEntry(signature_, index),
+                           Partition::mbrTypeUUID(type), readChs(view, offset + L::MbrEntry::kChsStart),
+                           readChs(view, offset + L::MbrEntry::kChsEnd));
     partition->diskSignature_ = signature_;
     partitions_.push_back(partition);
     places_.push_back({sectorLba, offset});
@@ -134,15 +140,16 @@ bool MbrPartitionTable::walkLogicals(std::uint64_t extendedStart, std::uint64_t 
         }
         sectors_[ebr] = sector;
         ByteView view(sector);
-        if (view.u8(entryOffset(0) + L::MbrEntry::kType) != L::Mbr::kTypeEmpty && !addEntry(index++, ebr, entryOffset(0), ebr))
+        if (view.u8(entryOffset(0) + L::MbrEntry::kType) != L::Mbr::kTypeEmpty &&
+            !addEntry(index++, ebr, entryOffset(0), ebr))
             return false;
         const std::uint8_t nextType = view.u8(entryOffset(1) + L::MbrEntry::kType);
         const std::uint64_t next = view.u32(entryOffset(1) + L::MbrEntry::kLbaStart);
         if (!isExtended(nextType) || next == 0)
             break;
         if (next >= extendedSize) {
-            LogMessage(channel(), LogError) << "Extended boot record at sector " << ebr
-                                            << " links outside the extended partition";
+            LogMessage(channel(), LogError)
+                << "Extended boot record at sector " << ebr << " links outside the extended partition";
             return false;
         }
         ebr = extendedStart + next;

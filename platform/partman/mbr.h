@@ -37,7 +37,7 @@ private:
 
     std::uint32_t signature_ = 0;
     std::map<std::uint64_t, std::vector<std::uint8_t>> sectors_; // as read: sector 0 and every EBR
-    std::vector<EntryPlace> places_;                              // parallel to partitions_
+    std::vector<EntryPlace> places_;                             // parallel to partitions_
 };
 
 } // namespace Platform

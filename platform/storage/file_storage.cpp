@@ -70,7 +70,10 @@ Ref<FileStorage> FileStorage::open(const std::string& path, Access access)
     return storage;
 }
 
-FileStorage::~FileStorage() { ::close(fd_); }
+FileStorage::~FileStorage()
+{
+    ::close(fd_);
+}
 
 std::uint64_t FileStorage::read(std::uint64_t index, std::uint64_t count, void* buffer)
 {
@@ -100,6 +103,9 @@ std::uint64_t FileStorage::write(std::uint64_t index, std::uint64_t count, const
     return done / elementSize_;
 }
 
-bool FileStorage::flush() { return ::fsync(fd_) == 0; }
+bool FileStorage::flush()
+{
+    return ::fsync(fd_) == 0;
+}
 
 } // namespace Platform

@@ -10,7 +10,10 @@ namespace {
 
 namespace PP = Libraries::KRO::PostProcessing;
 
-Platform::Ref<PP::ByteArray> bytes(std::vector<PP::u8> values) { return PP::ByteArray::create(values); }
+Platform::Ref<PP::ByteArray> bytes(std::vector<PP::u8> values)
+{
+    return PP::ByteArray::create(values);
+}
 
 TEST(Report, MappingsShowEachKindAsItsToolsDo)
 {
@@ -23,7 +26,7 @@ TEST(Report, MappingsShowEachKindAsItsToolsDo)
 
     const auto mappings = recordedMappings(*keeper);
     ASSERT_EQ(mappings.size(), 3u);
-    EXPECT_EQ(mappings[0].oldId, "1A2B3C4D");
+    EXPECT_EQ(mappings[0].oldId, "1a2b3c4d");
     EXPECT_EQ(mappings[0].newId, "00000001");
     EXPECT_EQ(mappings[1].oldId, "");
     EXPECT_EQ(mappings[1].newId, "33221100-5544-7766-8899-AABBCCDDEEFF");
@@ -46,9 +49,9 @@ TEST(Report, FailedStepMakesTheRunFail)
 
 TEST(Plan, SwitchesApplyAfterThePresetInCommandLineOrderAndDisksCarryTheirSettings)
 {
-    const char* argv[] = {"postclone", "--preset", "3",     "--disable", "fstab",   "--enable",
+    const char* argv[] = {"postclone", "--preset",  "3",    "--disable",  "fstab",      "--enable",
                           "fstab",     "--disable", "ide",  "--geometry", "1023,16,63", "--computer-name",
-                          "NEWPC",     "--source",  "/src", "/t1",       "/t2"};
+                          "NEWPC",     "--source",  "/src", "/t1",        "/t2"};
     const auto parsed = parseCommandLine(int(std::size(argv)), const_cast<char**>(argv));
     ASSERT_TRUE(parsed.options) << parsed.error;
     const auto keeper = buildKeeper(*parsed.options);

@@ -44,11 +44,11 @@ TEST(Keeper, HandsOutIndicesDownwardAndDoublesWhenFull)
 TEST(Keeper, FindNextWalksMatchesInIndexOrderFilteredById)
 {
     KeeperObj keeper;
-    const u64 disk = addDisk(keeper, "/dev/sda");                                         // 15
-    const u64 first = keeper.addEntry(KindPartition, {}, {}, disk, 0);                    // 14
-    const u64 other = keeper.addEntry(KindPartition, {}, {}, 99, 0);                      // 13
-    const u64 second = keeper.addEntry(KindPartition, {}, {}, disk, 0);                   // 12
-    keeper.addEntry(KindPartitionOffset, {}, {Variant::integer(2048)}, first, 0);         // 11
+    const u64 disk = addDisk(keeper, "/dev/sda");                                 // 15
+    const u64 first = keeper.addEntry(KindPartition, {}, {}, disk, 0);            // 14
+    const u64 other = keeper.addEntry(KindPartition, {}, {}, 99, 0);              // 13
+    const u64 second = keeper.addEntry(KindPartition, {}, {}, disk, 0);           // 12
+    keeper.addEntry(KindPartitionOffset, {}, {Variant::integer(2048)}, first, 0); // 11
 
     EXPECT_EQ(keeper.findNext(KindPartition, 0, disk), second);
     EXPECT_EQ(keeper.findNext(KindPartition, second, disk), first);
@@ -63,8 +63,8 @@ TEST(Keeper, FindNextWalksMatchesInIndexOrderFilteredById)
 TEST(Keeper, InvalidIndicesReadAsTheEmptyEntryAndReplaceIsIgnored)
 {
     KeeperObj keeper;
-    const u64 index = keeper.addObjectEntry(KindDiskIdChange, ByteArray::create(std::vector<u8>{1, 2, 3, 4}),
-                                            nullptr, 7, 0);
+    const u64 index =
+        keeper.addObjectEntry(KindDiskIdChange, ByteArray::create(std::vector<u8>{1, 2, 3, 4}), nullptr, 7, 0);
     EXPECT_TRUE(Platform::refCast<ByteArray>(keeper.getFromObject(index)));
     EXPECT_FALSE(keeper.getToObject(index));
     EXPECT_TRUE(keeper.getFrom(index).empty());

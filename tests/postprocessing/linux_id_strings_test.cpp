@@ -15,7 +15,10 @@ Variant names(std::initializer_list<Variant> elements)
     return Variant::list(std::move(items));
 }
 
-Variant text(const char* value) { return Variant::string(value); }
+Variant text(const char* value)
+{
+    return Variant::string(value);
+}
 
 struct IdStrings : testing::Test {
     Ref<Keeper> keeper = Keeper::create();
@@ -40,7 +43,8 @@ TEST_F(IdStrings, DiskNamesGetUnderscoresAndSerial)
     EXPECT_TRUE(PPHandler::addLinuxDiskIdString(keeper, disk, names({text("HD Model 500")}), names({text("W123")}),
                                                 names({text("SSD Model 860")}), names({text("S4X")})));
     EXPECT_EQ(recorded(disk), (std::pair<std::string, std::string>{"HD_Model_500_W123", "SSD_Model_860_S4X"}));
-    EXPECT_TRUE(log.sink().contains("PP Handler", 1, "Setting linux mapping from HD_Model_500_W123 to SSD_Model_860_S4X"));
+    EXPECT_TRUE(
+        log.sink().contains("PP Handler", 1, "Setting linux mapping from HD_Model_500_W123 to SSD_Model_860_S4X"));
 }
 
 TEST_F(IdStrings, PartitionSuffixNumericSerialAndUnusedAlternatives)
@@ -53,8 +57,8 @@ TEST_F(IdStrings, PartitionSuffixNumericSerialAndUnusedAlternatives)
 
     // A disk call with alternatives logs nothing about them.
     log.sink().clear();
-    PPHandler::addLinuxDiskIdString(keeper, disk, names({text("A"), text("B")}), names({text("1")}),
-                                    names({text("C")}), names({text("2")}));
+    PPHandler::addLinuxDiskIdString(keeper, disk, names({text("A"), text("B")}), names({text("1")}), names({text("C")}),
+                                    names({text("2")}));
     EXPECT_EQ(log.sink().texts("PP Handler"), std::vector<std::string>{"Setting linux mapping from A_1 to C_2"});
 }
 
@@ -63,8 +67,8 @@ TEST_F(IdStrings, MissingSerialRecordsNothingButSucceeds)
     EXPECT_TRUE(PPHandler::addLinuxPartIdString(keeper, partition, names({text("A")}), names({text("1")}), 0,
                                                 names({text("B")}), names({}), 0));
     EXPECT_EQ(keeper->findNext(KindLinuxIdString, 0, 0), 0u);
-    EXPECT_TRUE(log.sink().contains("PP Handler", 1,
-                                    "Libraries::KRO::PostProcessing::addLinuxIdString: no to disk serial"));
+    EXPECT_TRUE(
+        log.sink().contains("PP Handler", 1, "Libraries::KRO::PostProcessing::addLinuxIdString: no to disk serial"));
 
     log.sink().clear();
     EXPECT_TRUE(PPHandler::addLinuxDiskIdString(keeper, disk, names({text("A")}), names({text("1")}),

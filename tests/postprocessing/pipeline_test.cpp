@@ -121,19 +121,18 @@ TEST(Pipeline, RunsEnabledStepsInTheFixedOrderWithTheirLogLines)
 {
     FakeSteps fake;
     fake.results["adjustMbrCHS"] = StepResult::Failed;
-    auto keeper = keeperWith({StepDiskIds, StepMbrChs, StepMediaDirect, StepFsIds, StepLbaPatch, StepPartitionChs,
-                              StepFsOffset, StepPartitionType, StepCreateBcd, StepAdjustBcd, StepMountedDevices,
-                              StepHiberfile, StepCleanShutdown, StepWsusId, StepGrubSectors, StepGrubConfig,
-                              StepSyslinux, StepRaspberryPi, StepFstab, StepNvme});
+    auto keeper = keeperWith({StepDiskIds,        StepMbrChs,    StepMediaDirect,   StepFsIds,     StepLbaPatch,
+                              StepPartitionChs,   StepFsOffset,  StepPartitionType, StepCreateBcd, StepAdjustBcd,
+                              StepMountedDevices, StepHiberfile, StepCleanShutdown, StepWsusId,    StepGrubSectors,
+                              StepGrubConfig,     StepSyslinux,  StepRaspberryPi,   StepFstab,     StepNvme});
     Platform::ScopedLogCapture log;
     runPipeline(keeper, nullptr, fake.steps);
 
     const std::vector<std::string> order{
-        "changeDiskIds",     "adjustMbrCHS",         "removeMediaDirect", "changeVolumeIds",
-        "applyLbaPatch",     "adjustPartitionCHS",   "adjustFsOffset",    "adjustPartitionType",
-        "createBCD",         "adjustBcd",            "adjustMountedDevices", "adjustSystemHives",
-        "purgeHiberfile",    "setCleanShutdown",     "clearUpdateClientId", "adjustGrubSectorLists",
-        "adjustGrubCfg",     "adjustSyslinux",       "adjustRaspberryPi", "adjustFstab"};
+        "changeDiskIds",         "adjustMbrCHS",      "removeMediaDirect",   "changeVolumeIds",   "applyLbaPatch",
+        "adjustPartitionCHS",    "adjustFsOffset",    "adjustPartitionType", "createBCD",         "adjustBcd",
+        "adjustMountedDevices",  "adjustSystemHives", "purgeHiberfile",      "setCleanShutdown",  "clearUpdateClientId",
+        "adjustGrubSectorLists", "adjustGrubCfg",     "adjustSyslinux",      "adjustRaspberryPi", "adjustFstab"};
     EXPECT_EQ(fake.calls, order);
     // A failed step is recorded and the run goes on.
     EXPECT_EQ(keeper->getResult(StepMbrChs), StepResult::Failed);

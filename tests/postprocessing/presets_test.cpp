@@ -38,8 +38,8 @@ TEST(Presets, FixedTablesSwitchTheirColumnAndLeaveSevenElevenSixteen)
     // Preset 1 from all-off: everything it lists as 1.
     auto keeper = keeperWithAll(false);
     Keeper::setPreset(keeper, nullptr, Keeper::PresetFull);
-    EXPECT_EQ(enabledSlots(*keeper), (std::set<s32>{0, 1, 2, 3, 4, 5, 6, 8, 10, 12, 13, 14, 17, 18, 19, 22, 23, 24,
-                                                     25, 26, 27, 28, 29}));
+    EXPECT_EQ(enabledSlots(*keeper),
+              (std::set<s32>{0, 1, 2, 3, 4, 5, 6, 8, 10, 12, 13, 14, 17, 18, 19, 22, 23, 24, 25, 26, 27, 28, 29}));
 
     keeper = keeperWithAll(false);
     Keeper::setPreset(keeper, nullptr, Keeper::PresetKeepIds);

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
-#include <sstream>
 #include <spawn.h>
+#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,7 +63,9 @@ TempDir::~TempDir()
 
 void createImage(const std::string& path, std::uint64_t bytes)
 {
-    { std::ofstream(path, std::ios::binary | std::ios::trunc); }
+    {
+        std::ofstream(path, std::ios::binary | std::ios::trunc);
+    }
     std::filesystem::resize_file(path, bytes);
 }
 

@@ -8,7 +8,10 @@
 namespace Libraries::KRO::PostProcessing::Tools {
 namespace {
 
-Ref<ByteArray> bytes(std::vector<u8> values) { return ByteArray::create(values); }
+Ref<ByteArray> bytes(std::vector<u8> values)
+{
+    return ByteArray::create(values);
+}
 
 TEST(FormatFsID, SerialsAreLittleEndianHalves)
 {
@@ -18,7 +21,8 @@ TEST(FormatFsID, SerialsAreLittleEndianHalves)
 
 TEST(FormatFsID, UuidsFollowThePlatformFormat)
 {
-    const auto id = bytes({0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF});
+    const auto id =
+        bytes({0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF});
     EXPECT_EQ(formatFsID(id, UUIDHelper::BigEndian)->str(), "00112233-4455-6677-8899-AABBCCDDEEFF");
     EXPECT_EQ(formatFsID(id, UUIDHelper::MixedEndian)->str(), "33221100-5544-7766-8899-AABBCCDDEEFF");
 }
