@@ -40,7 +40,7 @@ int main(int argc, char** argv)
 
     const auto keeper = Cli::buildKeeper(options);
     if (!keeper)
-        return usageError("out of memory");
+        return usageError("could not open the targets for post-processing");
     Libraries::KRO::PostProcessing::PPHandler::process(keeper, Cli::progressForTerminal());
 
     const std::string report = options.json ? Cli::jsonReport(*keeper) : Cli::textReport(*keeper);

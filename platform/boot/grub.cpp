@@ -12,8 +12,8 @@ namespace {
 
 // i386-pc boot sector layout (GRUB 2 boot.img and legacy stage1).
 constexpr std::size_t kSectorSize = 512;
-constexpr std::size_t kGrub2KernelSector = 0x5C; // u64
-constexpr std::size_t kLegacyVersion = 0x3E;     // major 3, minor 2
+constexpr std::size_t kGrub2KernelSector = 0x5C;  // u64
+constexpr std::size_t kLegacyVersion = 0x3E;      // major 3, minor 2
 constexpr std::size_t kLegacyStage2Sector = 0x44; // u32
 constexpr std::size_t kCodeEnd = 0x1B8;           // the Windows NT signature and the table follow
 constexpr std::uint8_t kGrub2Jump[] = {0xEB, 0x63};

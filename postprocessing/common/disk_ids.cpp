@@ -16,9 +16,15 @@ namespace {
 using Platform::Guid;
 using Platform::PartitionManager;
 
-Ref<ByteArray> bytesOf(const ObjectRef& object) { return Platform::refCast<ByteArray>(object); }
+Ref<ByteArray> bytesOf(const ObjectRef& object)
+{
+    return Platform::refCast<ByteArray>(object);
+}
 
-Ref<ByteArray> bytesOf(const Guid& guid) { return ByteArray::create(guid); }
+Ref<ByteArray> bytesOf(const Guid& guid)
+{
+    return ByteArray::create(guid);
+}
 
 std::string uuidText(const Guid& guid)
 {
@@ -33,11 +39,20 @@ std::string hexText(const ByteArray* bytes)
     return text;
 }
 
-std::string signatureText(u32 signature) { return Platform::StrConv::str(signature, 16, 8); }
+std::string signatureText(u32 signature)
+{
+    return Platform::StrConv::str(signature, 16, 8);
+}
 
-Guid randomGuid() { return UUIDHelper::createRandom().toBytes(); }
+Guid randomGuid()
+{
+    return UUIDHelper::createRandom().toBytes();
+}
 
-bool sameBytes(const ByteArray& a, const ByteArray& b) { return a == b; }
+bool sameBytes(const ByteArray& a, const ByteArray& b)
+{
+    return a == b;
+}
 
 // One disk's state while its ids are handled.
 struct DiskPass {
@@ -154,9 +169,9 @@ DiskIdChange::Flow DiskIdChange::handleGpt(DiskPass& pass, PartitionManager& tab
             diskStatus_ = StepResult::Failed;
             return Flow::StopDisks;
         } else if (!sameBytes(*pass.fromId, *current)) {
-            LogMessage(Channels::common(), LogError) << "Disk from id is set but ids do not match, set: "
-                                                     << hexText(pass.fromId.get()) << " vs current: "
-                                                     << hexText(current.get());
+            LogMessage(Channels::common(), LogError)
+                << "Disk from id is set but ids do not match, set: " << hexText(pass.fromId.get())
+                << " vs current: " << hexText(current.get());
             diskStatus_ = StepResult::Failed;
             return Flow::StopDisks;
         }
@@ -208,13 +223,14 @@ u64 DiskIdChange::matchPartition(u64 disk, std::size_t index, u64 start) const
          entry = keeper_->findNext(KindPartition, entry, disk)) {
         const u64 offsetEntry = keeper_->findNext(KindPartitionOffset, 0, entry);
         if (offsetEntry == 0) {
-            LogMessage(Channels::common(), LogDetail) << "No partition offset for " << Tools::entryLogName(*keeper_, entry);
+            LogMessage(Channels::common(), LogDetail)
+                << "No partition offset for " << Tools::entryLogName(*keeper_, entry);
             continue;
         }
         const VariantList offset = keeper_->getTo(offsetEntry);
         if (offset.empty() || !offset.front().isInteger()) {
-            LogMessage(Channels::common(), LogError) << "Invalid partition offset for "
-                                                     << Tools::entryLogName(*keeper_, entry);
+            LogMessage(Channels::common(), LogError)
+                << "Invalid partition offset for " << Tools::entryLogName(*keeper_, entry);
             continue;
         }
         if (*offset.front().asInteger() == start) {
@@ -250,10 +266,12 @@ DiskIdChange::Flow DiskIdChange::changeGptPartitions(DiskPass& pass, PartitionMa
         const auto partition = table.partition(i);
         const u64 entry = matchPartition(pass.disk, i, partition->start());
         const Guid oldUuid = partition->uuid();
-        Ref<ByteArray> custom = entry ? bytesOf(keeper_->getToObject(keeper_->findNext(KindPartitionUuidChange, 0, entry)))
-                                      : Ref<ByteArray>();
+        Ref<ByteArray> custom =
+            entry ? bytesOf(keeper_->getToObject(keeper_->findNext(KindPartitionUuidChange, 0, entry)))
+                  : Ref<ByteArray>();
         if (custom && custom->size() != 16) {
-            LogMessage(Channels::common(), LogWarning) << "Ignoring provided target partition id:" << hexText(custom.get());
+            LogMessage(Channels::common(), LogWarning)
+                << "Ignoring provided target partition id:" << hexText(custom.get());
             custom.reset();
         }
         Guid newUuid{};
@@ -294,8 +312,8 @@ void DiskIdChange::recordPartition(u64 disk, u64 entry, const Guid& oldUuid, con
         keeper_->addObjectEntry(KindPartitionUuidChange, bytesOf(oldUuid), bytesOf(newUuid), entry, existing);
         return;
     }
-    LogMessage(Channels::common(), LogDetail) << "No entry found for partition " << uuidText(oldUuid)
-                                              << " with offset " << start;
+    LogMessage(Channels::common(), LogDetail)
+        << "No entry found for partition " << uuidText(oldUuid) << " with offset " << start;
     keeper_->addObjectEntry(KindPartitionUuidChange, bytesOf(oldUuid), bytesOf(newUuid), disk, 0);
 }
 
@@ -330,7 +348,8 @@ DiskIdChange::Flow DiskIdChange::handleMbr(DiskPass& pass, PartitionManager& tab
         signature = u32(pass.targetId->bytes()[0]) | u32(pass.targetId->bytes()[1]) << 8 |
                     u32(pass.targetId->bytes()[2]) << 16 | u32(pass.targetId->bytes()[3]) << 24;
     LogMessage(Channels::common(), LogNotice) << "Setting Target with New Disk SIG: " << signatureText(signature);
-    LogMessage(Channels::common(), LogNotice) << "From old Disk SIG:                " << signatureText(currentSignature);
+    LogMessage(Channels::common(), LogNotice)
+        << "From old Disk SIG:                " << signatureText(currentSignature);
 
     std::vector<Guid> oldUuids;
     for (std::size_t i = 0; i < table.partitionCount(); ++i)
@@ -361,7 +380,8 @@ void DiskIdChange::rederiveMbrPartitions(DiskPass& pass, PartitionManager& table
         u32 oldSignature = 0, entryNumber = 0;
         if (!Platform::Partition::getDiskIDAndEntryFromUUID(oldUuids[i], oldSignature, entryNumber)) {
             LogMessage(Channels::common(), LogWarning)
-                << "Failed to retrieve disk ID and entry from MBR UUID for partition with offset " << partition->start();
+                << "Failed to retrieve disk ID and entry from MBR UUID for partition with offset "
+                << partition->start();
             continue;
         }
         const Guid newUuid = Platform::Partition::getUUIDFromDiskIDAndEntry(signature, entryNumber);

@@ -41,7 +41,10 @@ const char* kindName(u64 kind)
     }
 }
 
-Ref<Interfaces::Storage> storageOf(const ObjectRef& object) { return Platform::refCast<Interfaces::Storage>(object); }
+Ref<Interfaces::Storage> storageOf(const ObjectRef& object)
+{
+    return Platform::refCast<Interfaces::Storage>(object);
+}
 
 Ref<Interfaces::Storage> resolve(const Ref<Keeper>& keeper, u64 index, Side side)
 {
@@ -52,8 +55,8 @@ Ref<Interfaces::Storage> resolve(const Ref<Keeper>& keeper, u64 index, Side side
     if (kind == KindDiskStorage || kind == KindPartitionStorage)
         return objectOf(index);
     if (kind != KindDisk && kind != KindPartition) {
-        LogMessage(Channels::tools(), LogError) << "Cannot get storage for " << entryLogName(*keeper, index)
-                                                << ", unknown type " << kind;
+        LogMessage(Channels::tools(), LogError)
+            << "Cannot get storage for " << entryLogName(*keeper, index) << ", unknown type " << kind;
         return {};
     }
     const u64 storageEntry = keeper->findNext(kind == KindDisk ? KindDiskStorage : KindPartitionStorage, 0, index);

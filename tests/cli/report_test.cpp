@@ -2,6 +2,7 @@
 
 #include "cli/options.h"
 #include "cli/plan.h"
+#include "tests/support/command.h"
 
 #include <gtest/gtest.h>
 
@@ -49,9 +50,13 @@ TEST(Report, FailedStepMakesTheRunFail)
 
 TEST(Plan, SwitchesApplyAfterThePresetInCommandLineOrderAndDisksCarryTheirSettings)
 {
-    const char* argv[] = {"postclone", "--preset",  "3",    "--disable",  "fstab",      "--enable",
-                          "fstab",     "--disable", "ide",  "--geometry", "1023,16,63", "--computer-name",
-                          "NEWPC",     "--source",  "/src", "/t1",        "/t2"};
+    TestSupport::TempDir dir;
+    const std::string t1 = dir.file("t1"), t2 = dir.file("t2"), src = dir.file("src");
+    for (const auto& path : {t1, t2, src})
+        TestSupport::createImage(path, 1 << 20);
+    const char* argv[] = {"postclone", "--preset",  "3",         "--disable",  "fstab",      "--enable",
+                          "fstab",     "--disable", "ide",       "--geometry", "1023,16,63", "--computer-name",
+                          "NEWPC",     "--source",  src.c_str(), t1.c_str(),   t2.c_str()};
     const auto parsed = parseCommandLine(int(std::size(argv)), const_cast<char**>(argv));
     ASSERT_TRUE(parsed.options) << parsed.error;
     const auto keeper = buildKeeper(*parsed.options);
@@ -64,9 +69,9 @@ TEST(Plan, SwitchesApplyAfterThePresetInCommandLineOrderAndDisksCarryTheirSettin
     const PP::u64 second = keeper->findNext(PP::KindDisk, first, 0);
     ASSERT_NE(second, 0u);
     // Newest entries have the lowest indices: the second target comes first in index order.
-    EXPECT_EQ(*keeper->getTo(second)[0].asString(), "/t1");
-    EXPECT_EQ(*keeper->getFrom(second)[0].asString(), "/src");
-    EXPECT_EQ(*keeper->getTo(first)[0].asString(), "/t2");
+    EXPECT_EQ(*keeper->getTo(second)[0].asString(), t1);
+    EXPECT_EQ(*keeper->getFrom(second)[0].asString(), src);
+    EXPECT_EQ(*keeper->getTo(first)[0].asString(), t2);
     EXPECT_TRUE(keeper->getFrom(first).empty());
 
     const PP::u64 geometry = keeper->findNext(PP::KindDiskGeometry, 0, second);

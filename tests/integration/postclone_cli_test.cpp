@@ -46,7 +46,7 @@ TEST_F(PostcloneCli, LogLevelControlsWhatReachesStderr)
     const auto quiet = postclone({"--preset", "1", image});
     EXPECT_EQ(quiet.exitCode, 0);
     EXPECT_EQ(quiet.err.find("Change or get disk ids"), std::string::npos);
-    EXPECT_NE(quiet.err.find("PP Handler: New disks ids: Not activated"), std::string::npos);
+    EXPECT_NE(quiet.err.find("PP Handler: New disks ids: Nothing found"), std::string::npos);
     EXPECT_NE(quiet.out.find("fstab"), std::string::npos);
 
     const auto verbose = postclone({"--log-level", "1", "--preset", "1", "--disable", "nvme", image});

@@ -70,3 +70,30 @@ void createImage(const std::string& path, std::uint64_t bytes)
 }
 
 } // namespace TestSupport
+
+#include <gtest/gtest.h>
+
+namespace TestSupport {
+
+Platform::Ref<Platform::MemoryStorage> loadImage(const std::string& path)
+{
+    const std::string bytes = slurp(path);
+    auto storage = Platform::makeRef<Platform::MemoryStorage>(512u, bytes.size() / 512);
+    std::copy(bytes.begin(), bytes.begin() + std::ptrdiff_t(storage->bytes().size()), storage->bytes().begin());
+    return storage;
+}
+
+void saveImage(Platform::MemoryStorage& storage, const std::string& path)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(storage.bytes().data()), std::streamsize(storage.bytes().size()));
+}
+
+std::string runTool(const std::vector<std::string>& argv)
+{
+    const auto result = run(argv);
+    EXPECT_EQ(result.exitCode, 0) << argv[0] << ": " << result.err << result.out;
+    return result.out;
+}
+
+} // namespace TestSupport

@@ -34,3 +34,16 @@ private:
 void createImage(const std::string& path, std::uint64_t bytes);
 
 } // namespace TestSupport
+
+#include "platform/storage/memory_storage.h"
+
+namespace TestSupport {
+
+// An image file's bytes as a memory storage of 512-byte sectors, and back.
+Platform::Ref<Platform::MemoryStorage> loadImage(const std::string& path);
+void saveImage(Platform::MemoryStorage& storage, const std::string& path);
+
+// Runs a tool that must succeed; its stdout, or a test failure with its stderr.
+std::string runTool(const std::vector<std::string>& argv);
+
+} // namespace TestSupport

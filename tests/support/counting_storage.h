@@ -1,0 +1,41 @@
+#pragma once
+// A storage wrapper for tests and benchmarks: counts the sectors read and written, and can fail
+// every write once a budget of written sectors is used up (the write in progress then stops
+// part-way, as a torn write on real hardware would).
+
+#include "platform/storage/storage.h"
+
+#include <limits>
+
+namespace TestSupport {
+
+class CountingStorage : public Platform::Object, public virtual Interfaces::Storage {
+public:
+    explicit CountingStorage(Platform::Ref<Interfaces::Storage> base) : base_(std::move(base)) {}
+
+    std::uint32_t elementSize() const override { return base_->elementSize(); }
+    std::uint64_t elementCount() const override { return base_->elementCount(); }
+    std::uint64_t read(std::uint64_t index, std::uint64_t count, void* buffer) override
+    {
+        const auto done = base_->read(index, count, buffer);
+        sectorsRead += done;
+        return done;
+    }
+    std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) override
+    {
+        const std::uint64_t allowed = std::min(count, writeBudget - sectorsWritten);
+        const auto done = allowed ? base_->write(index, allowed, buffer) : 0;
+        sectorsWritten += done;
+        return done;
+    }
+    bool flush() override { return base_->flush(); }
+
+    std::uint64_t sectorsRead = 0;
+    std::uint64_t sectorsWritten = 0;
+    std::uint64_t writeBudget = std::numeric_limits<std::uint64_t>::max();
+
+private:
+    Platform::Ref<Interfaces::Storage> base_;
+};
+
+} // namespace TestSupport
