@@ -3,6 +3,7 @@
 
 #include "platform/partman/partition_manager.h"
 #include "tests/support/command.h"
+#include "tests/support/keeper_builder.h"
 #include "tests/support/mbr_builder.h"
 
 #include <gtest/gtest.h>
@@ -28,14 +29,7 @@ struct DiskIds : testing::Test {
 
     u64 addDisk(const Ref<Platform::MemoryStorage>& storage)
     {
-        const u64 disk = keeper->addEntry(KindDisk, {}, {}, 0, 0);
-        keeper->addObjectEntry(KindDiskStorage, storage, storage, disk, 0);
-        const auto table = Platform::PartitionManager::create(storage, 512);
-        for (std::size_t i = 0; table && i < table->partitionCount(); ++i) {
-            const u64 partition = keeper->addEntry(KindPartition, {}, {}, disk, 0);
-            keeper->addEntry(KindPartitionOffset, {}, {Variant::integer(table->partition(i)->start())}, partition, 0);
-        }
-        return disk;
+        return TestSupport::addDiskWithPartitions(*keeper, storage);
     }
 
     void setCustomPartitionId(u64 disk, const std::vector<u8>& uuid)
@@ -78,7 +72,8 @@ TEST_F(DiskIds, MigrationWithIdsKeptRecordsWithoutWriting)
     EXPECT_EQ(*Platform::refCast<ByteArray>(keeper->getFromObject(mapping)),
               *Platform::refCast<ByteArray>(keeper->getToObject(mapping)));
     int recorded = 0;
-    for (u64 e = keeper->findNext(KindPartitionUuidChange, 0, 0); e; e = keeper->findNext(KindPartitionUuidChange, e, 0)) {
+    for (u64 e = keeper->findNext(KindPartitionUuidChange, 0, 0); e;
+         e = keeper->findNext(KindPartitionUuidChange, e, 0)) {
         EXPECT_FALSE(keeper->getFromObject(e));
         EXPECT_TRUE(keeper->getToObject(e));
         ++recorded;

@@ -82,8 +82,8 @@ TEST_F(MbrChs, DisksWithoutATableAreSkipped)
     Platform::ScopedLogCapture log;
     EXPECT_EQ(adjustMbrCHS(keeper), StepResult::Ok);
     EXPECT_TRUE(log.sink().contains("PP Common", 4, "Could not get Partition manager"));
-    EXPECT_TRUE(log.sink().contains("PP Common", 4,
-                                    "Libraries::KRO::PostProcessing::Common::adjustMbrCHSCould not get storage for disk"));
+    EXPECT_TRUE(log.sink().contains(
+        "PP Common", 4, "Libraries::KRO::PostProcessing::Common::adjustMbrCHSCould not get storage for disk"));
 }
 
 } // namespace

@@ -57,8 +57,8 @@ TEST(MediaDirect, ClearsSectorThreeUnlessGrubLivesThere)
     EXPECT_FALSE(sector3Cleared(*grubInGap));
     EXPECT_TRUE(sector3Cleared(*grubElsewhere));
     EXPECT_TRUE(sector3Cleared(*plain));
-    EXPECT_TRUE(log.sink().contains("PP Common", 1,
-                                    "Found Grub embedded in MBR reserved area, not atempting to clear MediaDirect sector"));
+    EXPECT_TRUE(log.sink().contains(
+        "PP Common", 1, "Found Grub embedded in MBR reserved area, not atempting to clear MediaDirect sector"));
 }
 
 TEST(MediaDirect, LeavesOtherDisksAloneAndNeverFails)

@@ -1,0 +1,25 @@
+#pragma once
+// Fills a keeper the way a copy application does: a disk entry with its storage, and one partition
+// entry per partition of the disk's table with its target start.
+
+#include "platform/partman/partition_manager.h"
+#include "postprocessing/keeper.h"
+
+namespace TestSupport {
+
+inline std::uint64_t addDiskWithPartitions(Libraries::KRO::PostProcessing::Keeper& keeper,
+                                           const Platform::Ref<Interfaces::Storage>& storage)
+{
+    namespace PP = Libraries::KRO::PostProcessing;
+    const PP::u64 disk = keeper.addEntry(PP::KindDisk, {}, {}, 0, 0);
+    keeper.addObjectEntry(PP::KindDiskStorage, storage, storage, disk, 0);
+    const auto table = Platform::PartitionManager::create(storage, 512);
+    for (std::size_t i = 0; table && i < table->partitionCount(); ++i) {
+        const PP::u64 partition = keeper.addEntry(PP::KindPartition, {}, {}, disk, 0);
+        keeper.addEntry(PP::KindPartitionOffset, {}, {PP::Variant::integer(table->partition(i)->start())},
+                        partition, 0);
+    }
+    return disk;
+}
+
+} // namespace TestSupport
