@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all setup build test demo asan format clean
+.PHONY: all setup build test demo bench asan format clean
 
 all: build
 
@@ -21,6 +21,10 @@ test: build
 
 demo: build
 	@scripts/demo $(BUILD)/cli/postclone
+
+# Costs that grow with the input: sectors touched and time per step.
+bench: build
+	@for b in $(BUILD)/benchmarks/*_benchmark; do $$b; done
 
 # AddressSanitizer and UndefinedBehaviorSanitizer over the whole suite.
 asan: setup

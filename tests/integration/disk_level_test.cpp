@@ -38,7 +38,10 @@ nlohmann::json postcloneJson(std::vector<std::string> args)
     return result.exitCode <= 1 ? nlohmann::json::parse(result.out) : nlohmann::json();
 }
 
-std::string word(const nlohmann::json& report, int slot) { return report["steps"][slot]["word"]; }
+std::string word(const nlohmann::json& report, int slot)
+{
+    return report["steps"][slot]["word"];
+}
 
 // What sgdisk says about one partition, without the unique GUID.
 struct GptPartition {
@@ -253,8 +256,8 @@ TEST_F(DiskLevel, BadTablesAreReportedAndNeverWritten)
 
     for (const auto& image : images) {
         const std::string before = readFile(image);
-        std::vector<std::string> args{POSTCLONE_BINARY, "--enable", "disk-ids", "--enable", "part-ids",
-                                      "--enable", "mbr-chs", "--enable", "media-direct", image};
+        std::vector<std::string> args{POSTCLONE_BINARY, "--enable", "disk-ids", "--enable",     "part-ids",
+                                      "--enable",       "mbr-chs",  "--enable", "media-direct", image};
         const auto result = run(args);
         EXPECT_EQ(result.exitCode, 0) << image << result.err;
         EXPECT_NE(result.err.find("Could not get Partition manager"), std::string::npos) << image << result.err;

@@ -31,7 +31,10 @@ std::string ids(const std::string& dump)
 }
 
 // A dump without the image's path, so that two images with one table compare equal.
-std::string table(const std::string& dump) { return std::regex_replace(dump, std::regex("\\S+\\.img"), "IMAGE"); }
+std::string table(const std::string& dump)
+{
+    return std::regex_replace(dump, std::regex("\\S+\\.img"), "IMAGE");
+}
 
 struct Outcome {
     std::uint64_t sectorsWritten;
@@ -66,7 +69,6 @@ PP::StepResult changeAllIds(PP::Ref<PP::Keeper> keeper, PP::u64)
     keeper->setEnabled(PP::StepPartitionIds, true);
     return PP::Common::changeDiskIds(keeper);
 }
-
 
 TEST_F(TornCommit, GptIdChangeIsNeverHalfWritten)
 {

@@ -16,8 +16,8 @@ inline std::uint64_t addDiskWithPartitions(Libraries::KRO::PostProcessing::Keepe
     const auto table = Platform::PartitionManager::create(storage, 512);
     for (std::size_t i = 0; table && i < table->partitionCount(); ++i) {
         const PP::u64 partition = keeper.addEntry(PP::KindPartition, {}, {}, disk, 0);
-        keeper.addEntry(PP::KindPartitionOffset, {}, {PP::Variant::integer(table->partition(i)->start())},
-                        partition, 0);
+        keeper.addEntry(PP::KindPartitionOffset, {}, {PP::Variant::integer(table->partition(i)->start())}, partition,
+                        0);
     }
     return disk;
 }
