@@ -49,8 +49,14 @@ void runDiskIdStep(benchmark::State& state, std::uint64_t bytes, int partitions)
     state.counters["sectors_written"] = double(written);
 }
 
-void BM_DiskIds_Gpt128Partitions(benchmark::State& state) { runDiskIdStep(state, 256ULL << 20, 128); }
-void BM_DiskIds_Sparse2TiB(benchmark::State& state) { runDiskIdStep(state, 2ULL << 40, 4); }
+void BM_DiskIds_Gpt128Partitions(benchmark::State& state)
+{
+    runDiskIdStep(state, 256ULL << 20, 128);
+}
+void BM_DiskIds_Sparse2TiB(benchmark::State& state)
+{
+    runDiskIdStep(state, 2ULL << 40, 4);
+}
 
 BENCHMARK(BM_DiskIds_Gpt128Partitions)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DiskIds_Sparse2TiB)->Unit(benchmark::kMillisecond);

@@ -1,6 +1,7 @@
 #include "postprocessing/tools/uuid_helper.h"
 
 #include "platform/log/log.h"
+#include "platform/partman/partition.h"
 
 #include <gtest/gtest.h>
 
@@ -102,6 +103,27 @@ TEST(UUIDHelper, RandomUuidsAreVersionFourRfcVariantAndDistinct)
         seen.insert(uuid.toBytes());
     }
     EXPECT_EQ(seen.size(), 256u);
+}
+
+} // namespace
+} // namespace Libraries::KRO::PostProcessing
+
+namespace Libraries::KRO::PostProcessing {
+namespace {
+
+// Text rewriters print ids big-endian and parse them back mixed-endian; an MBR-derived partition
+// id must survive that with its signature and entry.
+TEST(UUIDHelper, MbrDerivedIdsSurviveTheTextRoundTrip)
+{
+    const auto derived = Platform::Partition::getUUIDFromDiskIDAndEntry(0x1A2B3C4D, 5);
+    for (auto format : {UUIDHelper::BigEndian, UUIDHelper::MixedEndian, UUIDHelper::Detect}) {
+        UUID parsed;
+        ASSERT_TRUE(UUIDHelper::parse(UUIDHelper::formatUUID(UUID::fromBytes(derived), 'D', format), parsed));
+        u32 signature = 0, entry = 0;
+        ASSERT_TRUE(Platform::Partition::getDiskIDAndEntryFromUUID(parsed.toBytes(), signature, entry));
+        EXPECT_EQ(signature, 0x1A2B3C4Du);
+        EXPECT_EQ(entry, 5u);
+    }
 }
 
 } // namespace
