@@ -91,7 +91,8 @@ std::string textReport(const PP::Keeper& keeper)
         text += "\nid changes (kind, entry, old -> new):\n";
     for (const auto& mapping : mappings)
         text += "  " + std::to_string(mapping.kind) + "  " + std::to_string(mapping.entry) + "  " +
-                (mapping.oldId.empty() ? "-" : mapping.oldId) + " -> " + mapping.newId + "\n";
+                (mapping.oldId.empty() ? "-" : mapping.oldId) + " -> " + (mapping.newId.empty() ? "-" : mapping.newId) +
+                "\n";
     return text;
 }
 

@@ -1,8 +1,11 @@
 #include "postprocessing/pipeline.h"
 
 #include "postprocessing/common/disk_ids.h"
+#include "postprocessing/common/fs_offset.h"
 #include "postprocessing/common/mbr_chs.h"
 #include "postprocessing/common/media_direct.h"
+#include "postprocessing/common/partition_type.h"
+#include "postprocessing/common/volume_ids.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/windows/lba_patch.h"
@@ -252,7 +255,12 @@ const PipelineSteps& PipelineSteps::builtIn()
         built.changeDiskIds = Common::changeDiskIds;
         built.adjustMbrCHS = Common::adjustMbrCHS;
         built.removeMediaDirect = Common::removeMediaDirect;
+        built.changeVolumeIds = Common::changeVolumeIds;
         built.applyLbaPatch = Windows::applyLbaPatch;
+        built.adjustPartitionCHS = Common::adjustPartitionCHS;
+        built.adjustFsOffset = Common::adjustFsOffset;
+        built.transferOrAdjustPartitionType = Common::transferOrAdjustPartitionType;
+        built.adjustPartitionType = Common::adjustPartitionType;
         return built;
     }();
     return steps;

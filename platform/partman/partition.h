@@ -2,6 +2,7 @@
 // One partition of an MBR or GPT table, as the partition manager hands it out. Changes made here
 // reach the disk with the manager's commit.
 
+#include "platform/core/fs_type.h"
 #include "platform/core/guid.h"
 #include "platform/core/ref.h"
 
@@ -10,20 +11,6 @@
 namespace Platform {
 
 enum class TableType : std::uint32_t { None = 0, Mbr = 6, Gpt = 7 };
-
-// File-system type codes of the platform.
-enum FsType : std::uint32_t {
-    FsFat12 = 0x10010,
-    FsFat16 = 0x10011,
-    FsFat32 = 0x10012,
-    FsExfat = 0x10013,
-    FsNtfs = 0x10020,
-    FsExt2 = 0x10031,
-    FsExt3 = 0x10032,
-    FsExt4 = 0x10033,
-    FsXfs = 0x10060,
-    FsBtrfs = 0x10070,
-};
 
 class Partition : public Object {
 public:

@@ -1,0 +1,55 @@
+#pragma once
+// One file system on a storage, as far as post-processing changes it: its volume id and the
+// places where it records its own position and the disk's geometry.
+
+#include "platform/core/byte_array.h"
+#include "platform/core/fs_type.h"
+#include "platform/storage/storage.h"
+
+#include <span>
+#include <string>
+
+namespace Platform {
+
+class FileSysBase : public Object {
+public:
+    virtual std::uint32_t type() const = 0;
+    // The volume id as the file system stores it (4, 8 or 16 bytes).
+    virtual Ref<ByteArray> volumeId() const = 0;
+    // false (with errorText) when the id does not fit or cannot be written; nothing is then
+    // half-written.
+    virtual bool setVolumeId(std::span<const std::uint8_t> id) = 0;
+    // The partition's first sector, for the families that record it. The others answer false
+    // with Error 0x10002 (not supported by this file system).
+    virtual bool setPartitionOffset(std::uint64_t sector);
+    // Makes the backup boot sector match sector 0 again after a caller changed sector 0 fields
+    // (FAT32, NTFS); true where there is no backup.
+    virtual bool mirrorBootSector() { return true; }
+
+    const std::string& errorText() const { return error_; }
+
+protected:
+    explicit FileSysBase(Ref<Interfaces::Storage> storage) : storage_(std::move(storage)) {}
+    bool fail(std::string text)
+    {
+        error_ = std::move(text);
+        return false;
+    }
+
+    Ref<Interfaces::Storage> storage_;
+
+private:
+    std::string error_;
+};
+
+class MountHelper {
+public:
+    // The type code of the file system on storage, judged from its own structures (never from a
+    // partition type); FsNone when there is none we can handle.
+    static std::uint32_t probe(const Ref<Interfaces::Storage>& storage);
+    // The file system of that type on storage, or null when it does not hold one.
+    static Ref<FileSysBase> createFilesysBase(Ref<Interfaces::Storage> storage, std::uint32_t type);
+    static const char* typeName(std::uint32_t type);
+};
+
+} // namespace Platform

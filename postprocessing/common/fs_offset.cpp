@@ -1,0 +1,109 @@
+#include "postprocessing/common/fs_offset.h"
+
+#include "platform/core/bytes.h"
+#include "platform/core/error.h"
+#include "postprocessing/log_channels.h"
+#include "postprocessing/tools/disk_geometry.h"
+#include "postprocessing/tools/storage_resolution.h"
+#include "postprocessing/tools/target_filesystem.h"
+
+#include <vector>
+
+namespace Libraries::KRO::PostProcessing::Common {
+
+namespace {
+
+constexpr std::size_t kSectorsPerTrack = 0x18; // u16
+constexpr std::size_t kHeads = 0x1A;           // u16
+// Without a recorded geometry this step assumes the BIOS translation of 255 heads.
+constexpr u32 kDefaultHeads = 255;
+constexpr u32 kDefaultSectors = 63;
+
+bool hasBootSectorGeometry(u32 type)
+{
+    return type == Platform::FsFat12 || type == Platform::FsFat16 || type == Platform::FsFat32 ||
+           type == Platform::FsNtfs;
+}
+
+StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, u32 heads, u32 sectors)
+{
+    const auto storage = Tools::getToStorage(keeper, partition);
+    if (!storage) {
+        LogMessage(Channels::common(), LogError) << "Could not get storage for partition " << partition;
+        return StepResult::Failed;
+    }
+    std::vector<u8> sector(storage->elementSize(), 0);
+    if (storage->read(0, 1, sector.data()) != 1) {
+        LogMessage(Channels::common(), LogError) << "Read failed";
+        return StepResult::Failed;
+    }
+    Platform::ByteWriter out(sector);
+    out.u16(kSectorsPerTrack, u16(sectors));
+    out.u16(kHeads, u16(heads));
+    if (storage->write(0, 1, sector.data()) != 1) {
+        LogMessage(Channels::common(), LogError) << "Write failed";
+        return StepResult::Failed;
+    }
+    // FAT32 and NTFS keep a backup boot sector that their checkers compare with sector 0.
+    const auto fs = Tools::openToFileSystem(keeper, partition);
+    if (fs && !fs->mirrorBootSector()) {
+        LogMessage(Channels::common(), LogError) << "Write failed: " << fs->errorText();
+        return StepResult::Failed;
+    }
+    return StepResult::Ok;
+}
+
+} // namespace
+
+StepResult adjustPartitionCHS(Ref<Keeper> keeper)
+{
+    if (!keeper) {
+        LogMessage(Channels::common(), LogError) << "No keeper object";
+        return StepResult::Failed;
+    }
+    StepResult result = StepResult::NothingFound;
+    for (u64 disk = keeper->findNext(KindDisk, 0, 0); disk != 0; disk = keeper->findNext(KindDisk, disk, 0)) {
+        u32 cylinders = 0, heads = kDefaultHeads, sectors = kDefaultSectors;
+        if (!Tools::getCompleteDiskGeometry(keeper, disk, cylinders, heads, sectors)) {
+            heads = kDefaultHeads;
+            sectors = kDefaultSectors;
+        }
+        for (u64 partition = keeper->findNext(KindPartition, 0, disk); partition != 0;
+             partition = keeper->findNext(KindPartition, partition, disk)) {
+            if (hasBootSectorGeometry(Tools::getToFileSystemType(keeper, partition)))
+                result = foldResult(result, writeGeometry(keeper, partition, heads, sectors));
+        }
+    }
+    return result;
+}
+
+StepResult adjustFsOffset(Ref<Keeper> keeper)
+{
+    if (!keeper) {
+        LogMessage(Channels::common(), LogError) << "No keeper object";
+        return StepResult::Failed;
+    }
+    StepResult result = StepResult::NothingFound;
+    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
+         partition = keeper->findNext(KindPartition, partition, 0)) {
+        const u64 offsetEntry = keeper->findNext(KindPartitionOffset, 0, partition);
+        const VariantList offset = offsetEntry ? keeper->getTo(offsetEntry) : VariantList{};
+        if (offset.empty() || !offset.front().isInteger())
+            continue;
+        const auto fs = Tools::openToFileSystem(keeper, partition);
+        if (!fs)
+            continue;
+        Platform::Error::set(Platform::Error::None);
+        if (fs->setPartitionOffset(*offset.front().asInteger())) {
+            result = foldResult(result, StepResult::Ok);
+        } else if (Platform::Error::get() != Platform::Error::NotSupported) {
+            LogMessage(Channels::common(), LogError) << "Could not set offset of "
+                                                     << Tools::entryLogName(*keeper, partition) << ": "
+                                                     << fs->errorText();
+            result = StepResult::Failed;
+        }
+    }
+    return result;
+}
+
+} // namespace Libraries::KRO::PostProcessing::Common

@@ -1,0 +1,146 @@
+#include "postprocessing/common/volume_ids.h"
+
+#include "platform/core/error.h"
+#include "platform/core/random.h"
+#include "platform/core/string_util.h"
+#include "postprocessing/log_channels.h"
+#include "postprocessing/tools/storage_resolution.h"
+#include "postprocessing/tools/target_filesystem.h"
+#include "postprocessing/tools/uuid_helper.h"
+
+namespace Libraries::KRO::PostProcessing::Common {
+
+namespace {
+
+using Platform::MountHelper;
+
+std::string hexText(const ByteArray* bytes)
+{
+    std::string text;
+    for (std::size_t i = 0; bytes && i < bytes->size(); ++i)
+        text += Platform::StrConv::str((*bytes)[i], 16, 2);
+    return text;
+}
+
+// Id length and size message of the families that have a volume id; 0 for the others.
+struct Family {
+    std::size_t length;
+    const char* sizeMessage;
+};
+
+Family familyOf(u32 type)
+{
+    switch (type) {
+    case Platform::FsFat12:
+    case Platform::FsFat16:
+    case Platform::FsFat32:
+    case Platform::FsExfat:
+        return {4, "Size of new FAT id incorrect"};
+    case Platform::FsNtfs:
+        return {8, "Size of new NTFS id incorrect"};
+    case Platform::FsExt2:
+    case Platform::FsExt3:
+    case Platform::FsExt4:
+    case Platform::FsXfs:
+    case Platform::FsBtrfs:
+        return {16, "Size of new ext ID incorrect"};
+    default:
+        return {0, nullptr};
+    }
+}
+
+Ref<ByteArray> randomId(std::size_t length)
+{
+    if (length == 16) {
+        const auto uuid = UUIDHelper::createRandom().toBytes();
+        return ByteArray::create(uuid);
+    }
+    const auto generator = Platform::Random::create();
+    std::vector<u8> bytes(length);
+    for (auto& byte : bytes)
+        byte = u8(generator->upTo(0xFF));
+    return ByteArray::create(bytes);
+}
+
+// The from-object of the id entry must be the id the file system has now.
+bool expectedIdMatches(const ByteArray* expected, const ByteArray* current)
+{
+    if (!expected)
+        return true;
+    const char* problem = nullptr;
+    if (!current || expected->size() != current->size())
+        problem = "From id value provided, but length does not match with id of file system";
+    else if (!(*expected == *current))
+        problem = "From id value provided, but value does not match with id of file system";
+    if (!problem)
+        return true;
+    LogMessage(Channels::common(), LogError) << problem;
+    LogMessage(Channels::common(), LogError) << "From id value provided, but does not match id of file system";
+    LogMessage(Channels::common(), LogError) << "from id:" << hexText(expected);
+    LogMessage(Channels::common(), LogError) << "FS id:" << hexText(current);
+    return false;
+}
+
+} // namespace
+
+StepResult changeVolumeId(Ref<Keeper> keeper, Ref<Platform::FileSysBase> fs, u64 partition, u64 idEntry)
+{
+    if (!fs)
+        return StepResult::NothingFound;
+    const Ref<ByteArray> current = fs->volumeId();
+    const auto expected = idEntry ? Platform::refCast<ByteArray>(keeper->getFromObject(idEntry)) : Ref<ByteArray>();
+    if (!expectedIdMatches(expected.get(), current.get()))
+        return StepResult::Failed;
+
+    Ref<ByteArray> newId = idEntry ? Platform::refCast<ByteArray>(keeper->getToObject(idEntry)) : Ref<ByteArray>();
+    const char* typeName = MountHelper::typeName(fs->type());
+    const Family family = familyOf(fs->type());
+    if (family.length == 0) {
+        LogMessage(Channels::common(), LogDetail) << "Changing volume id not supported for " << typeName;
+        return StepResult::NothingFound;
+    }
+    if (!newId)
+        newId = randomId(family.length);
+    else if (newId->size() != family.length)
+        LogMessage(Channels::common(), LogError) << family.sizeMessage; // the file system decides
+    LogMessage(Channels::common(), LogDetail) << "Changing volume ID for " << typeName;
+    LogMessage(Channels::common(), LogDetail) << "Old ID:" << hexText(current.get());
+    LogMessage(Channels::common(), LogDetail) << "New ID:" << hexText(newId.get());
+    if (!fs->setVolumeId(newId->bytes())) {
+        LogMessage(Channels::common(), LogError) << "Could not change volume id for " << typeName << ": "
+                                                 << fs->errorText();
+        return StepResult::Failed;
+    }
+    if (current)
+        keeper->addObjectEntry(KindVolumeIdChange, current, newId, partition, idEntry);
+    return StepResult::Ok;
+}
+
+StepResult changeVolumeIds(Ref<Keeper> keeper)
+{
+    if (!keeper) {
+        LogMessage(Channels::common(), LogError) << "No keeper object";
+        return StepResult::Failed;
+    }
+    const bool allPartitions = keeper->isEnabled(StepFsIds);
+    StepResult result = StepResult::NothingFound;
+    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
+         partition = keeper->findNext(KindPartition, partition, 0)) {
+        const u64 idEntry = keeper->findNext(KindVolumeIdChange, 0, partition);
+        if (idEntry == 0 && !allPartitions)
+            continue;
+        if (idEntry != 0 && allPartitions)
+            LogMessage(Channels::common(), LogWarning) << "fs id entry already set for id " << partition;
+        const auto fs = Tools::openToFileSystem(keeper, partition);
+        if (!fs) {
+            LogMessage(Channels::common(), LogWarning) << "Could not get file system for "
+                                                       << Tools::entryLogName(*keeper, partition) << " ("
+                                                       << Platform::Error::get() << ")";
+            continue;
+        }
+        result = foldResult(result, changeVolumeId(keeper, fs, partition, idEntry));
+    }
+    return result;
+}
+
+} // namespace Libraries::KRO::PostProcessing::Common
