@@ -52,8 +52,8 @@ std::optional<std::uint32_t> ExfatVolume::detect(Interfaces::Storage& storage)
     if (boot.u64(kVolumeLength) * bytesPerSector > storage.elementCount() * storage.elementSize())
         return std::nullopt;
     const auto region = readBytes(storage, 0, std::size_t(kRegionSectors) * bytesPerSector);
-    if (region.empty() || ByteView(region).u32(std::size_t(kChecksumSector) * bytesPerSector) !=
-                              bootChecksum(region, bytesPerSector))
+    if (region.empty() ||
+        ByteView(region).u32(std::size_t(kChecksumSector) * bytesPerSector) != bootChecksum(region, bytesPerSector))
         return std::nullopt;
     return bytesPerSector;
 }

@@ -1,8 +1,8 @@
 #include "platform/fs/ext_io_manager.h"
 
+#include "platform/storage/byte_io.h"
 #include <cerrno>
 #include <cstring>
-#include "platform/storage/byte_io.h"
 
 #include <et/com_err.h>
 #include <map>
@@ -21,7 +21,10 @@ struct Channel {
     Ref<Interfaces::Storage> storage;
 };
 
-Interfaces::Storage& storageOf(io_channel channel) { return *static_cast<Channel*>(channel->private_data)->storage; }
+Interfaces::Storage& storageOf(io_channel channel)
+{
+    return *static_cast<Channel*>(channel->private_data)->storage;
+}
 
 // A count below zero is a byte count, as libext2fs passes for superblock-sized transfers.
 std::uint64_t transferBytes(io_channel channel, int count)
@@ -85,7 +88,10 @@ errcode_t write32(io_channel channel, unsigned long block, int count, const void
     return writeBlocks(channel, block, count, data);
 }
 
-errcode_t flushChannel(io_channel channel) { return storageOf(channel).flush() ? 0 : EXT2_ET_SHORT_WRITE; }
+errcode_t flushChannel(io_channel channel)
+{
+    return storageOf(channel).flush() ? 0 : EXT2_ET_SHORT_WRITE;
+}
 
 errcode_t writeByte(io_channel channel, unsigned long offset, int count, const void* data)
 {
@@ -94,7 +100,10 @@ errcode_t writeByte(io_channel channel, unsigned long offset, int count, const v
                : EXT2_ET_SHORT_WRITE;
 }
 
-errcode_t setOption(io_channel, const char*, const char*) { return EXT2_ET_INVALID_ARGUMENT; }
+errcode_t setOption(io_channel, const char*, const char*)
+{
+    return EXT2_ET_INVALID_ARGUMENT;
+}
 
 struct_io_manager storageManager = [] {
     struct_io_manager manager{};

@@ -104,8 +104,8 @@ errcode_t rewriteGroup(ext2_filsys fs, dgrp_t group, std::set<blk64_t>& xattrBlo
     for (blk64_t first = 0; first < blocks; first += chunkBlocks) {
         const blk64_t count = std::min(chunkBlocks, blocks - first);
         const ext2_ino_t base = group * fs->super->s_inodes_per_group + std::uint32_t(first) * perBlock + 1;
-        const std::uint32_t inChunk = std::min<std::uint32_t>(std::uint32_t(count) * perBlock,
-                                                              inodes - std::uint32_t(first) * perBlock);
+        const std::uint32_t inChunk =
+            std::min<std::uint32_t>(std::uint32_t(count) * perBlock, inodes - std::uint32_t(first) * perBlock);
         if (errcode_t error = io_channel_read_blk64(fs->io, table + first, int(count), buffer.data()))
             return error;
         bool changed = false;
@@ -199,8 +199,8 @@ bool changeExtUuid(const Ref<Interfaces::Storage>& storage, std::span<const std:
     // Backups too: libext2fs would otherwise write the primary superblock only.
     handle->flags &= ~EXT2_FLAG_MASTER_SB_ONLY;
     std::memcpy(handle->super->s_uuid, id.data(), 16);
-    const bool descriptorsChange = rewriteAll || (ext2fs_has_group_desc_csum(handle) &&
-                                                  !ext2fs_has_feature_metadata_csum(handle->super));
+    const bool descriptorsChange =
+        rewriteAll || (ext2fs_has_group_desc_csum(handle) && !ext2fs_has_feature_metadata_csum(handle->super));
     if (descriptorsChange)
         handle->flags &= ~EXT2_FLAG_SUPER_ONLY;
     else

@@ -8,25 +8,28 @@ namespace Platform {
 namespace {
 
 // BIOS parameter block and extended boot record fields.
-constexpr std::size_t kBytesPerSector = 0x0B;   // u16
+constexpr std::size_t kBytesPerSector = 0x0B;    // u16
 constexpr std::size_t kSectorsPerCluster = 0x0D; // u8
-constexpr std::size_t kReservedSectors = 0x0E;  // u16
-constexpr std::size_t kNumberOfFats = 0x10;     // u8
-constexpr std::size_t kRootEntries = 0x11;      // u16
-constexpr std::size_t kTotalSectors16 = 0x13;   // u16
-constexpr std::size_t kMedia = 0x15;            // u8
-constexpr std::size_t kFatSize16 = 0x16;        // u16
-constexpr std::size_t kHiddenSectors = 0x1C;    // u32
-constexpr std::size_t kTotalSectors32 = 0x20;   // u32
-constexpr std::size_t kFatSize32 = 0x24;        // u32
-constexpr std::size_t kBackupBootSector = 0x32; // u16, FAT32
+constexpr std::size_t kReservedSectors = 0x0E;   // u16
+constexpr std::size_t kNumberOfFats = 0x10;      // u8
+constexpr std::size_t kRootEntries = 0x11;       // u16
+constexpr std::size_t kTotalSectors16 = 0x13;    // u16
+constexpr std::size_t kMedia = 0x15;             // u8
+constexpr std::size_t kFatSize16 = 0x16;         // u16
+constexpr std::size_t kHiddenSectors = 0x1C;     // u32
+constexpr std::size_t kTotalSectors32 = 0x20;    // u32
+constexpr std::size_t kFatSize32 = 0x24;         // u32
+constexpr std::size_t kBackupBootSector = 0x32;  // u16, FAT32
 constexpr std::size_t kExtendedSignature16 = 0x26;
 constexpr std::size_t kExtendedSignature32 = 0x42;
 constexpr std::size_t kBootSignature = 0x1FE;
 constexpr std::uint32_t kMaxFat12Clusters = 4084;
 constexpr std::uint32_t kMaxFat16Clusters = 65524;
 
-bool isPowerOfTwo(std::uint32_t value) { return value != 0 && (value & (value - 1)) == 0; }
+bool isPowerOfTwo(std::uint32_t value)
+{
+    return value != 0 && (value & (value - 1)) == 0;
+}
 
 bool hasExtendedSignature(ByteView& boot, std::size_t at)
 {
@@ -52,8 +55,8 @@ std::optional<FatVolume::Layout> FatVolume::detect(Interfaces::Storage& storage)
     const std::uint8_t media = boot.u8(kMedia);
     const bool jump = sector[0] == 0xEB || sector[0] == 0xE9;
     if (!jump || boot.u16(kBootSignature) != 0xAA55 || bytesPerSector < 512 || bytesPerSector > 4096 ||
-        !isPowerOfTwo(bytesPerSector) || !isPowerOfTwo(sectorsPerCluster) || sectorsPerCluster > 128 ||
-        reserved == 0 || fats == 0 || fats > 4 || total == 0 || fatSize == 0 || (media != 0xF0 && media < 0xF8))
+        !isPowerOfTwo(bytesPerSector) || !isPowerOfTwo(sectorsPerCluster) || sectorsPerCluster > 128 || reserved == 0 ||
+        fats == 0 || fats > 4 || total == 0 || fatSize == 0 || (media != 0xF0 && media < 0xF8))
         return std::nullopt;
     const std::uint64_t rootSectors = (std::uint64_t(rootEntries) * 32 + bytesPerSector - 1) / bytesPerSector;
     const std::uint64_t metadata = reserved + fats * fatSize + rootSectors;
@@ -116,7 +119,8 @@ bool FatVolume::setVolumeId(std::span<const std::uint8_t> id)
         return fail("the boot sector has no volume serial field");
     if (id.size() != 4)
         return fail("a FAT volume serial is 4 bytes, not " + std::to_string(id.size()));
-    return updateBootSectors([&](std::vector<std::uint8_t>& sector) { ByteWriter(sector).bytes(layout_.serialOffset, id); });
+    return updateBootSectors(
+        [&](std::vector<std::uint8_t>& sector) { ByteWriter(sector).bytes(layout_.serialOffset, id); });
 }
 
 bool FatVolume::setPartitionOffset(std::uint64_t sector)

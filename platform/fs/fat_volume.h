@@ -14,7 +14,7 @@ public:
     struct Layout {
         std::uint32_t type;
         std::uint32_t bytesPerSector;
-        std::size_t serialOffset; // 0 when the boot sector has no extended signature
+        std::size_t serialOffset;   // 0 when the boot sector has no extended signature
         std::uint64_t backupSector; // FAT32 backup boot sector, 0 when there is none
     };
 

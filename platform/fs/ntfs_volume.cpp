@@ -9,8 +9,8 @@ namespace Platform {
 
 namespace {
 
-constexpr char kOemId[] = "NTFS    "; // at 3
-constexpr std::size_t kBytesPerSector = 0x0B;   // u16
+constexpr char kOemId[] = "NTFS    ";            // at 3
+constexpr std::size_t kBytesPerSector = 0x0B;    // u16
 constexpr std::size_t kSectorsPerCluster = 0x0D; // u8 (0xF4..0xFF: 2^(256-n))
 constexpr std::size_t kHiddenSectors = 0x1C;     // u32
 constexpr std::size_t kTotalSectors = 0x28;      // u64, the backup boot sector not counted

@@ -17,7 +17,8 @@ public:
 
     static std::optional<Layout> detect(Interfaces::Storage& storage);
 
-    NtfsVolume(Ref<Interfaces::Storage> storage, const Layout& layout) : FileSysBase(std::move(storage)), layout_(layout)
+    NtfsVolume(Ref<Interfaces::Storage> storage, const Layout& layout)
+        : FileSysBase(std::move(storage)), layout_(layout)
     {
     }
 

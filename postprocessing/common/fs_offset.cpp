@@ -97,9 +97,8 @@ StepResult adjustFsOffset(Ref<Keeper> keeper)
         if (fs->setPartitionOffset(*offset.front().asInteger())) {
             result = foldResult(result, StepResult::Ok);
         } else if (Platform::Error::get() != Platform::Error::NotSupported) {
-            LogMessage(Channels::common(), LogError) << "Could not set offset of "
-                                                     << Tools::entryLogName(*keeper, partition) << ": "
-                                                     << fs->errorText();
+            LogMessage(Channels::common(), LogError)
+                << "Could not set offset of " << Tools::entryLogName(*keeper, partition) << ": " << fs->errorText();
             result = StepResult::Failed;
         }
     }

@@ -33,7 +33,8 @@ void checkType(const Ref<Keeper>& keeper, u64 entry, Partition& partition)
         return;
     if (!partition.setTypeUUID(fitting))
         LogMessage(Channels::common(), LogError)
-            << "Could not set new type " << UUIDHelper::formatUUID(UUID::fromBytes(fitting), 'D', UUIDHelper::MixedEndian)->str();
+            << "Could not set new type "
+            << UUIDHelper::formatUUID(UUID::fromBytes(fitting), 'D', UUIDHelper::MixedEndian)->str();
 }
 
 // The source and target starts of a partition entry (kind 2), or false with its log line.
@@ -47,8 +48,8 @@ bool partitionOffsets(const Ref<Keeper>& keeper, u64 entry, u64& from, u64& to)
     const VariantList source = keeper->getFrom(offsets);
     const VariantList target = keeper->getTo(offsets);
     if (target.empty() || !target.front().isInteger()) {
-        LogMessage(Channels::common(), LogError) << "Invalid partition offset for "
-                                                 << Tools::entryLogName(*keeper, entry);
+        LogMessage(Channels::common(), LogError)
+            << "Invalid partition offset for " << Tools::entryLogName(*keeper, entry);
         return false;
     }
     to = *target.front().asInteger();
@@ -60,9 +61,9 @@ Ref<PartitionManager> targetTable(const Ref<Keeper>& keeper, u64 disk, const cha
 {
     const auto storage = Tools::getToStorage(keeper, disk);
     if (!storage) {
-        LogMessage(Channels::common(), LogError) << "Libraries::KRO::PostProcessing::Common::" << function
-                                                 << "Could not get storage for disk "
-                                                 << Tools::entryLogName(*keeper, disk);
+        LogMessage(Channels::common(), LogError)
+            << "Libraries::KRO::PostProcessing::Common::" << function << "Could not get storage for disk "
+            << Tools::entryLogName(*keeper, disk);
         return {};
     }
     auto table = PartitionManager::create(storage, 512);
@@ -71,7 +72,10 @@ Ref<PartitionManager> targetTable(const Ref<Keeper>& keeper, u64 disk, const cha
     return table;
 }
 
-StepResult commit(PartitionManager& table) { return table.commit(true) == 0 ? StepResult::Ok : StepResult::Failed; }
+StepResult commit(PartitionManager& table)
+{
+    return table.commit(true) == 0 ? StepResult::Ok : StepResult::Failed;
+}
 
 } // namespace
 
@@ -125,8 +129,8 @@ StepResult transferOrAdjustPartitionType(Ref<Keeper> keeper, bool adjust)
             if (source) {
                 const auto sourcePartition = partitionAt(*source, from);
                 if (!sourcePartition || !targetPartition) {
-                    LogMessage(Channels::common(), LogError) << "Could not find partition in partitition table: "
-                                                             << Tools::entryLogName(*keeper, entry);
+                    LogMessage(Channels::common(), LogError)
+                        << "Could not find partition in partitition table: " << Tools::entryLogName(*keeper, entry);
                     continue;
                 }
                 targetPartition->setTypeUUID(sourcePartition->typeUuid());

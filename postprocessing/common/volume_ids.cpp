@@ -107,8 +107,8 @@ StepResult changeVolumeId(Ref<Keeper> keeper, Ref<Platform::FileSysBase> fs, u64
     LogMessage(Channels::common(), LogDetail) << "Old ID:" << hexText(current.get());
     LogMessage(Channels::common(), LogDetail) << "New ID:" << hexText(newId.get());
     if (!fs->setVolumeId(newId->bytes())) {
-        LogMessage(Channels::common(), LogError) << "Could not change volume id for " << typeName << ": "
-                                                 << fs->errorText();
+        LogMessage(Channels::common(), LogError)
+            << "Could not change volume id for " << typeName << ": " << fs->errorText();
         return StepResult::Failed;
     }
     if (current)
@@ -133,9 +133,9 @@ StepResult changeVolumeIds(Ref<Keeper> keeper)
             LogMessage(Channels::common(), LogWarning) << "fs id entry already set for id " << partition;
         const auto fs = Tools::openToFileSystem(keeper, partition);
         if (!fs) {
-            LogMessage(Channels::common(), LogWarning) << "Could not get file system for "
-                                                       << Tools::entryLogName(*keeper, partition) << " ("
-                                                       << Platform::Error::get() << ")";
+            LogMessage(Channels::common(), LogWarning)
+                << "Could not get file system for " << Tools::entryLogName(*keeper, partition) << " ("
+                << Platform::Error::get() << ")";
             continue;
         }
         result = foldResult(result, changeVolumeId(keeper, fs, partition, idEntry));
