@@ -1,4 +1,5 @@
 #include "platform/core/error.h"
+#include "platform/fs/btrfs_volume.h"
 #include "platform/fs/exfat_volume.h"
 #include "platform/fs/ext_volume.h"
 #include "platform/fs/fat_volume.h"
@@ -25,6 +26,8 @@ std::uint32_t MountHelper::probe(const Ref<Interfaces::Storage>& storage)
         return fat->type;
     if (const auto ext = ExtVolume::detect(*storage))
         return *ext;
+    if (BtrfsVolume::detect(*storage))
+        return FsBtrfs;
     return FsNone;
 }
 
@@ -52,6 +55,10 @@ Ref<FileSysBase> MountHelper::createFilesysBase(Ref<Interfaces::Storage> storage
     case FsExt4:
         if (const auto detected = ExtVolume::detect(*storage); detected && *detected == type)
             return makeRef<ExtVolume>(std::move(storage), type);
+        return {};
+    case FsBtrfs:
+        if (auto copies = BtrfsVolume::detect(*storage))
+            return makeRef<BtrfsVolume>(std::move(storage), std::move(*copies));
         return {};
     default:
         return {};
