@@ -87,7 +87,7 @@ bool allZero(const char* bytes, std::size_t length)
 // One group's inode table, run by run: every inode checksum recomputed with the new seed and
 // the run written back where it changed, then the metadata of the run's inodes in use (which
 // reads those inodes and may write them, so their own checksums must already be new).
-errcode_t rewriteGroup(ext2_filsys fs, dgrp_t group, std::set<blk64_t>& xattrBlocks)
+errcode_t rewriteGroup(ext2_filsys fs, dgrp_t group, std::vector<char>& buffer, std::set<blk64_t>& xattrBlocks)
 {
     if (ext2fs_has_group_desc_csum(fs) && ext2fs_bg_flags_test(fs, group, EXT2_BG_INODE_UNINIT))
         return 0;
@@ -98,8 +98,8 @@ errcode_t rewriteGroup(ext2_filsys fs, dgrp_t group, std::set<blk64_t>& xattrBlo
     const blk64_t table = ext2fs_inode_table_loc(fs, group);
     const std::uint32_t perBlock = fs->blocksize / inodeSize;
     const blk64_t blocks = (inodes + perBlock - 1) / perBlock;
-    const blk64_t chunkBlocks = std::max<blk64_t>(1, kTableChunk / fs->blocksize);
-    std::vector<char> buffer(std::size_t(chunkBlocks * fs->blocksize));
+    const blk64_t chunkBlocks = buffer.size() / fs->blocksize;
+    std::vector<char> before(inodeSize);
 
     for (blk64_t first = 0; first < blocks; first += chunkBlocks) {
         const blk64_t count = std::min(chunkBlocks, blocks - first);
@@ -113,7 +113,7 @@ errcode_t rewriteGroup(ext2_filsys fs, dgrp_t group, std::set<blk64_t>& xattrBlo
             char* raw = buffer.data() + std::size_t(i) * inodeSize;
             if (allZero(raw, inodeSize))
                 continue;
-            const std::vector<char> before(raw, raw + inodeSize);
+            std::memcpy(before.data(), raw, inodeSize);
             ext2fs_inode_csum_set(fs, base + i, reinterpret_cast<ext2_inode_large*>(raw));
             changed |= std::memcmp(before.data(), raw, inodeSize) != 0;
         }
@@ -163,8 +163,9 @@ errcode_t rewriteAllChecksums(ext2_filsys fs)
     if (errcode_t error = ext2fs_read_bitmaps(fs))
         return error;
     std::set<blk64_t> xattrBlocks;
+    std::vector<char> buffer(std::max<std::size_t>(fs->blocksize, kTableChunk / fs->blocksize * fs->blocksize));
     for (dgrp_t group = 0; group < fs->group_desc_count; ++group)
-        if (errcode_t error = rewriteGroup(fs, group, xattrBlocks))
+        if (errcode_t error = rewriteGroup(fs, group, buffer, xattrBlocks))
             return error;
     if (errcode_t error = rewriteXattrBlocks(fs, xattrBlocks))
         return error;

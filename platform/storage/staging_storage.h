@@ -5,7 +5,9 @@
 
 #include "platform/storage/storage.h"
 
+#include <bitset>
 #include <map>
+#include <memory>
 #include <vector>
 
 namespace Platform {
@@ -20,17 +22,30 @@ public:
     std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) override;
     bool flush() override { return true; }
 
-    // Writes the staged sectors that differ from the base, in ascending order, except the sectors
-    // from lastFirst to lastEnd (exclusive), which go last: the structure that makes the rest
-    // valid. false when a write fails.
+    // Writes the staged sectors in ascending order, in runs, except the sectors from lastFirst to
+    // lastEnd (exclusive), which go last: the structure that makes the rest valid. false when a
+    // write fails.
     bool commit(std::uint64_t lastFirst = 0, std::uint64_t lastEnd = 0);
-    std::size_t stagedSectors() const { return staged_.size(); }
+    std::size_t stagedSectors() const;
 
 private:
-    bool writeOne(std::uint64_t sector, const std::vector<std::uint8_t>& bytes);
+    static constexpr std::uint64_t kPageSectors = 64;
+
+    // Staged sectors are kept in pages; a page's mask says which of its sectors are staged.
+    struct Page {
+        std::uint8_t* bytes = nullptr; // kPageSectors sectors inside a slab
+        std::bitset<kPageSectors> staged;
+    };
+
+    std::uint8_t* allocatePage();
+
+    bool commitRange(std::uint64_t from, std::uint64_t to, std::uint64_t skipFirst, std::uint64_t skipEnd);
 
     Ref<Interfaces::Storage> base_;
-    std::map<std::uint64_t, std::vector<std::uint8_t>> staged_;
+    std::map<std::uint64_t, Page> pages_;
+    // Page memory comes from large slabs: staging a big change must not churn the allocator.
+    std::vector<std::unique_ptr<std::uint8_t[]>> slabs_;
+    std::size_t slabUsed_ = 0;
 };
 
 } // namespace Platform

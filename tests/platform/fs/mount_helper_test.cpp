@@ -1,0 +1,74 @@
+#include "platform/fs/filesys_base.h"
+
+#include "platform/core/error.h"
+#include "platform/core/bytes.h"
+#include "platform/fs/exfat_volume.h"
+#include "tests/support/command.h"
+
+#include <gtest/gtest.h>
+
+namespace Platform {
+namespace {
+
+using TestSupport::runTool;
+
+// A file system made by its own mkfs, as a memory storage.
+Ref<MemoryStorage> made(TestSupport::TempDir& dir, std::vector<std::string> mkfs, std::uint64_t mib = 64)
+{
+    const std::string image = dir.file("fs.img");
+    TestSupport::createImage(image, mib << 20);
+    mkfs.push_back(image);
+    runTool(mkfs);
+    return TestSupport::loadImage(image);
+}
+
+TEST(MountHelper, ProbesByTheFileSystemsOwnStructures)
+{
+    TestSupport::TempDir dir;
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.fat", "-F", "12"}, 8)), FsFat12);
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.fat", "-F", "16"})), FsFat16);
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.fat", "-F", "32", "-s", "1"})), FsFat32);
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.exfat"})), FsExfat);
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkntfs", "-F", "-f", "-q"})), FsNtfs);
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.ext2", "-q", "-F"})), FsExt2);
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.ext3", "-q", "-F"})), FsExt3);
+    EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.ext4", "-q", "-F"})), FsExt4);
+    EXPECT_EQ(MountHelper::probe(makeRef<MemoryStorage>(512u, 64u)), FsNone);
+    EXPECT_STREQ(MountHelper::typeName(FsExfat), "exFAT");
+}
+
+TEST(MountHelper, ExfatChecksumGuardsTheBootRegion)
+{
+    TestSupport::TempDir dir;
+    auto storage = made(dir, {"mkfs.exfat"});
+    auto volume = MountHelper::createFilesysBase(storage, FsExfat);
+    ASSERT_TRUE(volume);
+    const std::uint8_t serial[] = {1, 2, 3, 4};
+    ASSERT_TRUE(volume->setVolumeId(serial));
+    // Both regions still check out, and the backup carries the serial too.
+    const auto& bytes = storage->bytes();
+    for (std::size_t region : {0u, 12u * 512}) {
+        const std::span<const std::uint8_t> boot(bytes.data() + region, 12 * 512);
+        EXPECT_EQ(ExfatVolume::bootChecksum(boot, 512), ByteView(boot).u32(11 * 512));
+        EXPECT_EQ(bytes[region + 0x64], 1);
+    }
+    storage->bytes()[0x65] ^= 0xFF; // a change the checksum does not know of
+    EXPECT_EQ(MountHelper::probe(storage), FsNone);
+}
+
+TEST(MountHelper, FamiliesWithoutARecordedOffsetSayNotSupported)
+{
+    TestSupport::TempDir dir;
+    auto volume = MountHelper::createFilesysBase(made(dir, {"mkfs.ext4", "-q", "-F"}), FsExt4);
+    ASSERT_TRUE(volume);
+    Error::set(Error::None);
+    EXPECT_FALSE(volume->setPartitionOffset(2048));
+    EXPECT_EQ(Error::get(), Error::NotSupported);
+    EXPECT_FALSE(MountHelper::createFilesysBase(made(dir, {"mkfs.fat", "-F", "16"}), FsNtfs));
+    const std::uint8_t shortId[] = {1, 2};
+    EXPECT_FALSE(volume->setVolumeId(shortId));
+    EXPECT_NE(volume->errorText().find("16 bytes"), std::string::npos);
+}
+
+} // namespace
+} // namespace Platform
