@@ -1,5 +1,6 @@
 #pragma once
-// Bounds-checked little-endian access to on-disk bytes. Reads past the end yield 0 and set a
+// Bounds-checked access to on-disk bytes, little-endian unless a name says otherwise. Reads past
+// the end yield 0 and set a
 // sticky error, so that a parser can read every field and check once.
 
 #include <cstdint>
@@ -15,6 +16,10 @@ public:
     std::uint16_t u16(std::size_t offset) noexcept { return std::uint16_t(get(offset, 2)); }
     std::uint32_t u32(std::size_t offset) noexcept { return std::uint32_t(get(offset, 4)); }
     std::uint64_t u64(std::size_t offset) noexcept { return get(offset, 8); }
+    // Big-endian reads, for the structures that store them so (XFS).
+    std::uint16_t be16(std::size_t offset) noexcept { return std::uint16_t(getBig(offset, 2)); }
+    std::uint32_t be32(std::size_t offset) noexcept { return std::uint32_t(getBig(offset, 4)); }
+    std::uint64_t be64(std::size_t offset) noexcept { return getBig(offset, 8); }
     // A sub-range; empty (and the error set) when it does not fit.
     std::span<const std::uint8_t> bytes(std::size_t offset, std::size_t length) noexcept
     {
@@ -43,6 +48,16 @@ private:
         return value;
     }
 
+    std::uint64_t getBig(std::size_t offset, std::size_t width) noexcept
+    {
+        if (!fits(offset, width))
+            return 0;
+        std::uint64_t value = 0;
+        for (std::size_t i = 0; i < width; ++i)
+            value = value << 8 | bytes_[offset + i];
+        return value;
+    }
+
     std::span<const std::uint8_t> bytes_;
     bool ok_ = true;
 };
@@ -56,6 +71,9 @@ public:
     void u16(std::size_t offset, std::uint16_t value) noexcept { put(offset, value, 2); }
     void u32(std::size_t offset, std::uint32_t value) noexcept { put(offset, value, 4); }
     void u64(std::size_t offset, std::uint64_t value) noexcept { put(offset, value, 8); }
+    void be16(std::size_t offset, std::uint16_t value) noexcept { putBig(offset, value, 2); }
+    void be32(std::size_t offset, std::uint32_t value) noexcept { putBig(offset, value, 4); }
+    void be64(std::size_t offset, std::uint64_t value) noexcept { putBig(offset, value, 8); }
     void bytes(std::size_t offset, std::span<const std::uint8_t> value) noexcept
     {
         if (offset > bytes_.size() || value.size() > bytes_.size() - offset) {
@@ -76,6 +94,16 @@ private:
         }
         for (std::size_t i = 0; i < width; ++i)
             bytes_[offset + i] = std::uint8_t(value >> (8 * i));
+    }
+
+    void putBig(std::size_t offset, std::uint64_t value, std::size_t width) noexcept
+    {
+        if (offset > bytes_.size() || width > bytes_.size() - offset) {
+            ok_ = false;
+            return;
+        }
+        for (std::size_t i = 0; i < width; ++i)
+            bytes_[offset + i] = std::uint8_t(value >> (8 * (width - 1 - i)));
     }
 
     std::span<std::uint8_t> bytes_;

@@ -4,6 +4,7 @@
 #include "platform/fs/ext_volume.h"
 #include "platform/fs/fat_volume.h"
 #include "platform/fs/ntfs_volume.h"
+#include "platform/fs/xfs_volume.h"
 
 namespace Platform {
 
@@ -28,6 +29,8 @@ std::uint32_t MountHelper::probe(const Ref<Interfaces::Storage>& storage)
         return *ext;
     if (BtrfsVolume::detect(*storage))
         return FsBtrfs;
+    if (XfsVolume::detect(*storage))
+        return FsXfs;
     return FsNone;
 }
 
@@ -55,6 +58,10 @@ Ref<FileSysBase> MountHelper::createFilesysBase(Ref<Interfaces::Storage> storage
     case FsExt4:
         if (const auto detected = ExtVolume::detect(*storage); detected && *detected == type)
             return makeRef<ExtVolume>(std::move(storage), type);
+        return {};
+    case FsXfs:
+        if (const auto geometry = XfsVolume::detect(*storage))
+            return makeRef<XfsVolume>(std::move(storage), *geometry);
         return {};
     case FsBtrfs:
         if (auto copies = BtrfsVolume::detect(*storage))

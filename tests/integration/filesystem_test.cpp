@@ -68,6 +68,7 @@ const std::vector<Family>& families()
         {"ext3", 64, {"mkfs.ext3", "-q", "-F"}, {"e2fsck", "-fn"}},
         {"ext2", 64, {"mkfs.ext2", "-q", "-F"}, {"e2fsck", "-fn"}},
         {"btrfs", 200, {"mkfs.btrfs", "-q", "-f"}, {"btrfs", "check"}},
+        {"xfs", 300, {"mkfs.xfs", "-q", "-f"}, {"xfs_repair", "-n"}},
     };
     return all;
 }
@@ -181,6 +182,60 @@ TEST_F(FileSystems, Ext4BackupSuperblocksCarryTheNewUuid)
     EXPECT_EQ(primary[1].str(), backup[1].str());
 }
 
+TEST_F(FileSystems, XfsLogCarriesTheNewUuidAndIsClean)
+{
+    const Family& xfs = families().back();
+    const std::string image = diskWith(xfs);
+    postclone({"--enable", "fs-ids", image});
+    const std::string part = dir.file("xfs.part");
+    copyRange(image, 2048 * 512, part, 0, xfs.mib * kMiB);
+    const auto log = run({"xfs_logprint", "-t", part});
+    EXPECT_NE(log.out.find("state: <CLEAN>"), std::string::npos) << log.out << log.err;
+    EXPECT_EQ((log.out + log.err).find("mismatch"), std::string::npos);
+    const std::string sb = runTool({"xfs_db", "-r", "-c", "sb 1", "-c", "p uuid", "-c", "sb 0", "-c", "p uuid", part});
+    const std::regex uuid("uuid = (\\S+)");
+    std::vector<std::string> seen;
+    for (auto it = std::sregex_iterator(sb.begin(), sb.end(), uuid); it != std::sregex_iterator(); ++it)
+        seen.push_back((*it)[1].str());
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0], seen[1]); // the secondary superblock follows the primary
+}
+
+TEST_F(FileSystems, UncleanFileSystemsAreRefusedUntouched)
+{
+    // ext4 not cleanly unmounted: its state without the valid bit.
+    const std::string ext = diskWith(families()[4]);
+    runTool({"debugfs", "-w", "-R", "ssv state 0", ext + "?offset=" + std::to_string(2048 * 512)});
+    // XFS whose last log record is no unmount record.
+    const Family& xfs = families().back();
+    const std::string image = diskWith(xfs);
+    const std::string part = dir.file("xfs.part");
+    copyRange(image, 2048 * 512, part, 0, xfs.mib * kMiB);
+    const std::string sb =
+        runTool({"xfs_db", "-r", "-c", "sb 0", "-c", "p logstart agblocks agblklog blocksize", part});
+    const auto field = [&](const std::string& name) {
+        std::smatch found;
+        EXPECT_TRUE(std::regex_search(sb, found, std::regex(name + " = (\\d+)")));
+        return std::stoull(found[1].str());
+    };
+    const std::uint64_t logStart = field("logstart"), agBlockLog = field("agblklog");
+    const std::uint64_t logBlock =
+        (logStart >> agBlockLog) * field("agblocks") + (logStart & ((1ULL << agBlockLog) - 1));
+    {
+        std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(std::streamoff(2048 * 512 + logBlock * field("blocksize") + 512 + 9));
+        file.put('\0'); // the unmount flag of the log's only operation
+    }
+    for (const auto& [target, message] :
+         {std::pair{ext, "not cleanly unmounted"}, std::pair{image, "the log is dirty"}}) {
+        const auto before = readAt(target, 0, 310 * kMiB);
+        const auto result = run({POSTCLONE_BINARY, "--enable", "fs-ids", target});
+        EXPECT_EQ(result.exitCode, 1) << result.err;
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
+        EXPECT_TRUE(readAt(target, 0, 310 * kMiB) == before) << target;
+    }
+}
+
 TEST_F(FileSystems, MovedPartitionsGetTheirRecordedOffset)
 {
     for (const auto& family : families()) {
@@ -191,7 +246,7 @@ TEST_F(FileSystems, MovedPartitionsGetTheirRecordedOffset)
         copyRange(image, 2048 * 512, moved, 4096 * 512, family.mib * kMiB);
         partition(moved, 4096, family.mib * kMiB / 512, "83");
         const auto report = postclone({"--log-level", "1", "--enable", "fs-offset", moved});
-        const bool records = family.name.rfind("ext", 0) != 0 && family.name != "btrfs";
+        const bool records = family.name.rfind("ext", 0) != 0 && family.name != "btrfs" && family.name != "xfs";
         EXPECT_EQ(report["steps"][5]["word"], records ? "Ok" : "Nothing found") << family.name;
         if (family.name.rfind("fat", 0) == 0 || family.name == "ntfs") {
             EXPECT_EQ(readAt(moved, 4096 * 512 + 0x1C, 4), (std::vector<std::uint8_t>{0x00, 0x10, 0, 0}));

@@ -1,7 +1,7 @@
 #include "platform/fs/filesys_base.h"
 
-#include "platform/core/error.h"
 #include "platform/core/bytes.h"
+#include "platform/core/error.h"
 #include "platform/fs/exfat_volume.h"
 #include "tests/support/command.h"
 

@@ -43,7 +43,8 @@ TEST_F(VolumeIds, RandomIdOfTheFamilysLengthIsRecorded)
     EXPECT_EQ(changeVolumeId(keeper, fs, partition, 0), StepResult::Ok);
     const u64 entry = keeper->findNext(KindVolumeIdChange, 0, partition);
     ASSERT_NE(entry, 0u);
-    EXPECT_EQ(*Platform::refCast<ByteArray>(keeper->getFromObject(entry)), *ByteArray::create(std::vector<u8>{1, 2, 3, 4}));
+    EXPECT_EQ(*Platform::refCast<ByteArray>(keeper->getFromObject(entry)),
+              *ByteArray::create(std::vector<u8>{1, 2, 3, 4}));
     EXPECT_EQ(Platform::refCast<ByteArray>(keeper->getToObject(entry))->size(), 4u);
     EXPECT_EQ(fs->id_, std::vector<u8>(Platform::refCast<ByteArray>(keeper->getToObject(entry))->bytes().begin(),
                                        Platform::refCast<ByteArray>(keeper->getToObject(entry))->bytes().end()));
