@@ -1,6 +1,8 @@
 #include "platform/fs/ext_uuid_change.h"
 
+#include "platform/core/bytes.h"
 #include "platform/fs/ext_io_manager.h"
+#include "platform/storage/byte_io.h"
 #include "platform/storage/staging_storage.h"
 
 #include <algorithm>
@@ -26,6 +28,21 @@ std::string refusal(ext2_super_block& super, bool rewritingChecksums)
     if (rewritingChecksums && super.s_lastcheck < super.s_mtime)
         return "the file system was mounted since its last check; run e2fsck -f first";
     return {};
+}
+
+// From the superblock alone: with a checksum seed, or with no checksums that involve the UUID,
+// a new UUID changes nothing but the superblocks.
+bool onlySuperblocksChange(Interfaces::Storage& storage)
+{
+    constexpr std::size_t kIncompat = 0x60, kRoCompat = 0x64;
+    constexpr std::uint32_t kIncompatCsumSeed = 0x2000, kRoCompatGdtCsum = 0x10, kRoCompatMetadataCsum = 0x400;
+    const auto super = readBytes(storage, 1024, 1024);
+    if (super.empty())
+        return false;
+    ByteView view(super);
+    if (view.u32(kIncompat) & kIncompatCsumSeed)
+        return true;
+    return !(view.u32(kRoCompat) & (kRoCompatGdtCsum | kRoCompatMetadataCsum));
 }
 
 struct DirectoryPass {
@@ -185,8 +202,9 @@ errcode_t rewriteAllChecksums(ext2_filsys fs)
 bool changeExtUuid(const Ref<Interfaces::Storage>& storage, std::span<const std::uint8_t> id, std::string& error)
 {
     // The whole change is worked out on a staging layer and reaches the disk only when complete.
+    // Where only the superblocks change, the group descriptors are not even read.
     const auto staging = makeRef<StagingStorage>(storage);
-    ExtFileSystem fs(staging, EXT2_FLAG_RW);
+    ExtFileSystem fs(staging, EXT2_FLAG_RW | (onlySuperblocksChange(*storage) ? EXT2_FLAG_SUPER_ONLY : 0));
     if (!fs) {
         error = "cannot open the file system: " + extErrorText(fs.openError());
         return false;

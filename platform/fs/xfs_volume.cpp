@@ -62,13 +62,13 @@ std::optional<XfsVolume::Geometry> XfsVolume::detect(Interfaces::Storage& storag
     if (first.empty())
         return std::nullopt;
     ByteView view(first);
-    Geometry g{view.be32(kBlockSize), view.be16(kSectorSize), view.be32(kAgBlocks), view.be32(kAgCount),
-               view.u8(kAgBlockLog), (view.be16(kVersion) & kVersionMask) == 5, view.be64(kLogStart),
-               view.be32(kLogBlocks), (view.be16(kVersion) & kVersionLogV2) != 0};
+    Geometry g{view.be32(kBlockSize), view.be16(kSectorSize), view.be32(kAgBlocks),
+               view.be32(kAgCount),   view.u8(kAgBlockLog),   (view.be16(kVersion) & kVersionMask) == 5,
+               view.be64(kLogStart),  view.be32(kLogBlocks),  (view.be16(kVersion) & kVersionLogV2) != 0};
     const auto powerOfTwo = [](std::uint32_t v) { return v != 0 && (v & (v - 1)) == 0; };
     if (view.be32(0) != kMagic || !powerOfTwo(g.blockSize) || g.blockSize < 512 || g.blockSize > 65536 ||
-        !powerOfTwo(g.sectorSize) || g.sectorSize < 512 || g.sectorSize > 32768 || g.agBlocks == 0 ||
-        g.agCount == 0 || g.agBlockLog > 31 || (std::uint64_t(1) << g.agBlockLog) < g.agBlocks)
+        !powerOfTwo(g.sectorSize) || g.sectorSize < 512 || g.sectorSize > 32768 || g.agBlocks == 0 || g.agCount == 0 ||
+        g.agBlockLog > 31 || (std::uint64_t(1) << g.agBlockLog) < g.agBlocks)
         return std::nullopt;
     if (view.be64(kDataBlocks) * g.blockSize > storage.elementCount() * storage.elementSize())
         return std::nullopt;
@@ -135,8 +135,8 @@ std::optional<std::uint32_t> XfsVolume::cleanLogCycle()
                                         : 1;
         const auto data = readBytes(*storage_, start + (head - back + headerBlocks) * kBasicBlock, kBasicBlock);
         ByteView op(data);
-        const bool unmount = !data.empty() && view.be32(kRecOpCount) == 1 && op.u8(8) == kLogClient &&
-                             (op.u8(9) & kUnmountFlag) != 0;
+        const bool unmount =
+            !data.empty() && view.be32(kRecOpCount) == 1 && op.u8(8) == kLogClient && (op.u8(9) & kUnmountFlag) != 0;
         if (!unmount) {
             fail("the log is dirty: mount the file system or run xfs_repair first");
             return std::nullopt;
@@ -156,9 +156,8 @@ std::vector<std::uint8_t> unmountRecord(std::span<const std::uint8_t> uuid, bool
                                         std::uint64_t block, std::uint64_t tailBlock, std::uint32_t tailCycle,
                                         std::uint64_t blocks, std::uint32_t dataBytes)
 {
-    const std::uint64_t headers = v2 ? std::max<std::uint64_t>(1, (blocks * kBasicBlock + kHeaderCycleSize - 1) /
-                                                                       kHeaderCycleSize)
-                                     : 1;
+    const std::uint64_t headers =
+        v2 ? std::max<std::uint64_t>(1, (blocks * kBasicBlock + kHeaderCycleSize - 1) / kHeaderCycleSize) : 1;
     std::vector<std::uint8_t> record(std::size_t(blocks * kBasicBlock), 0);
     ByteWriter out(record);
     for (std::uint64_t b = 1; b < blocks; ++b)
@@ -201,7 +200,8 @@ bool XfsVolume::rewriteLog(std::span<const std::uint8_t> uuid, std::uint32_t cyc
         return fail("the log cannot be written");
     for (std::uint64_t block = firstBlocks; block < blocks;) {
         const std::uint64_t length = std::min(recordBlocks, blocks - block);
-        const auto filler = unmountRecord(uuid, geometry_.logV2, cycle - 1, block, block - length, cycle - 1, length, 0);
+        const auto filler =
+            unmountRecord(uuid, geometry_.logV2, cycle - 1, block, block - length, cycle - 1, length, 0);
         if (!writeBytes(*storage_, start + block * kBasicBlock, filler))
             return fail("the log cannot be written");
         block += length;

@@ -18,7 +18,7 @@ public:
         std::uint32_t agBlocks;
         std::uint32_t agCount;
         std::uint32_t agBlockLog;
-        bool crc; // v5
+        bool crc;               // v5
         std::uint64_t logStart; // file-system block of the internal log, 0 for an external one
         std::uint32_t logBlocks;
         bool logV2;

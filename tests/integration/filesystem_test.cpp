@@ -65,6 +65,7 @@ const std::vector<Family>& families()
         {"ntfs", 64, {"mkntfs", "-F", "-f", "-q"}, {"ntfsfix", "-n"}},
         {"ext4", 64, {"mkfs.ext4", "-q", "-F"}, {"e2fsck", "-fn"}},
         {"ext4-orphan-file", 64, {"mkfs.ext4", "-q", "-F", "-O", "orphan_file"}, {"e2fsck", "-fn"}},
+        {"ext4-csum-seed", 64, {"mkfs.ext4", "-q", "-F", "-O", "metadata_csum_seed"}, {"e2fsck", "-fn"}},
         {"ext3", 64, {"mkfs.ext3", "-q", "-F"}, {"e2fsck", "-fn"}},
         {"ext2", 64, {"mkfs.ext2", "-q", "-F"}, {"e2fsck", "-fn"}},
         {"btrfs", 200, {"mkfs.btrfs", "-q", "-f"}, {"btrfs", "check"}},
@@ -304,7 +305,12 @@ TEST_F(FileSystems, MbrPartitionTypesFollowTheFileSystem)
     // A GPT source for this MBR target: nothing is transferred.
     const std::string gpt = dir.file("gpt.img");
     TestSupport::createImage(gpt, 200 * kMiB);
-    runTool({"sgdisk", "-n1:2048:+64M", gpt});
+    runTool({"sgdisk", "-n1:2048:+64M", "-t1:8300", gpt});
+    const std::string part = dir.file("p0");
+    copyRange(part, 0, gpt, 2048 * 512, 64 * kMiB); // NTFS in a Linux-typed GPT partition
+    const std::string gptBefore = runTool({"sgdisk", "-p", gpt});
+    EXPECT_EQ(postclone({"--enable", "part-type", gpt})["steps"][6]["word"], "Nothing found");
+    EXPECT_EQ(runTool({"sgdisk", "-p", gpt}), gptBefore); // GPT types are left alone
     const auto refused =
         run({POSTCLONE_BINARY, "--log-level", "1", "--enable", "transfer-part-type", "--source", gpt, image});
     EXPECT_NE(refused.err.find("Source and target partitition table types differ"), std::string::npos);
