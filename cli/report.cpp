@@ -20,14 +20,6 @@ using Platform::StrConv;
 
 namespace {
 
-std::string hexBytes(const PP::ByteArray& bytes)
-{
-    std::string text;
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        text += StrConv::str(bytes[i], 16, 2);
-    return text;
-}
-
 std::string lowerCase(std::string text)
 {
     for (char& c : text)
@@ -57,7 +49,7 @@ std::string idText(PP::u64 kind, const PP::ObjectRef& object)
         if (auto text = PP::Tools::formatFsID(bytes, format))
             return text->str();
     }
-    return hexBytes(*bytes);
+    return PP::Tools::hexBytes(bytes.get());
 }
 
 std::string padded(std::string_view text, std::size_t width)

@@ -4,6 +4,7 @@
 #include "platform/core/string_util.h"
 #include "platform/partman/partition_manager.h"
 #include "postprocessing/log_channels.h"
+#include "postprocessing/tools/format_fs_id.h"
 #include "postprocessing/tools/storage_resolution.h"
 #include "postprocessing/tools/uuid_helper.h"
 
@@ -29,14 +30,6 @@ Ref<ByteArray> bytesOf(const Guid& guid)
 std::string uuidText(const Guid& guid)
 {
     return UUIDHelper::formatUUID(UUID::fromBytes(guid), 'D', UUIDHelper::MixedEndian)->str();
-}
-
-std::string hexText(const ByteArray* bytes)
-{
-    std::string text;
-    for (std::size_t i = 0; bytes && i < bytes->size(); ++i)
-        text += Platform::StrConv::str((*bytes)[i], 16, 2);
-    return text;
 }
 
 std::string signatureText(u32 signature)
@@ -170,8 +163,8 @@ DiskIdChange::Flow DiskIdChange::handleGpt(DiskPass& pass, PartitionManager& tab
             return Flow::StopDisks;
         } else if (!sameBytes(*pass.fromId, *current)) {
             LogMessage(Channels::common(), LogError)
-                << "Disk from id is set but ids do not match, set: " << hexText(pass.fromId.get())
-                << " vs current: " << hexText(current.get());
+                << "Disk from id is set but ids do not match, set: " << Tools::hexBytes(pass.fromId.get())
+                << " vs current: " << Tools::hexBytes(current.get());
             diskStatus_ = StepResult::Failed;
             return Flow::StopDisks;
         }
@@ -271,7 +264,7 @@ DiskIdChange::Flow DiskIdChange::changeGptPartitions(DiskPass& pass, PartitionMa
                   : Ref<ByteArray>();
         if (custom && custom->size() != 16) {
             LogMessage(Channels::common(), LogWarning)
-                << "Ignoring provided target partition id:" << hexText(custom.get());
+                << "Ignoring provided target partition id:" << Tools::hexBytes(custom.get());
             custom.reset();
         }
         Guid newUuid{};

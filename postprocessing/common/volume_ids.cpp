@@ -4,6 +4,7 @@
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
 #include "postprocessing/log_channels.h"
+#include "postprocessing/tools/format_fs_id.h"
 #include "postprocessing/tools/storage_resolution.h"
 #include "postprocessing/tools/target_filesystem.h"
 #include "postprocessing/tools/uuid_helper.h"
@@ -13,14 +14,6 @@ namespace Libraries::KRO::PostProcessing::Common {
 namespace {
 
 using Platform::MountHelper;
-
-std::string hexText(const ByteArray* bytes)
-{
-    std::string text;
-    for (std::size_t i = 0; bytes && i < bytes->size(); ++i)
-        text += Platform::StrConv::str((*bytes)[i], 16, 2);
-    return text;
-}
 
 // Id length and size message of the families that have a volume id; 0 for the others.
 struct Family {
@@ -76,8 +69,8 @@ bool expectedIdMatches(const ByteArray* expected, const ByteArray* current)
         return true;
     LogMessage(Channels::common(), LogError) << problem;
     LogMessage(Channels::common(), LogError) << "From id value provided, but does not match id of file system";
-    LogMessage(Channels::common(), LogError) << "from id:" << hexText(expected);
-    LogMessage(Channels::common(), LogError) << "FS id:" << hexText(current);
+    LogMessage(Channels::common(), LogError) << "from id:" << Tools::hexBytes(expected);
+    LogMessage(Channels::common(), LogError) << "FS id:" << Tools::hexBytes(current);
     return false;
 }
 
@@ -104,8 +97,8 @@ StepResult changeVolumeId(Ref<Keeper> keeper, Ref<Platform::FileSysBase> fs, u64
     else if (newId->size() != family.length)
         LogMessage(Channels::common(), LogError) << family.sizeMessage; // the file system decides
     LogMessage(Channels::common(), LogDetail) << "Changing volume ID for " << typeName;
-    LogMessage(Channels::common(), LogDetail) << "Old ID:" << hexText(current.get());
-    LogMessage(Channels::common(), LogDetail) << "New ID:" << hexText(newId.get());
+    LogMessage(Channels::common(), LogDetail) << "Old ID:" << Tools::hexBytes(current.get());
+    LogMessage(Channels::common(), LogDetail) << "New ID:" << Tools::hexBytes(newId.get());
     if (!fs->setVolumeId(newId->bytes())) {
         LogMessage(Channels::common(), LogError)
             << "Could not change volume id for " << typeName << ": " << fs->errorText();

@@ -42,4 +42,12 @@ Ref<String> formatFsID(Ref<ByteArray> id, UUIDHelper::PlatformFormat format)
     }
 }
 
+std::string hexBytes(const ByteArray* bytes)
+{
+    std::string text;
+    for (std::size_t i = 0; bytes && i < bytes->size(); ++i)
+        text += StrConv::str((*bytes)[i], 16, 2);
+    return text;
+}
+
 } // namespace Libraries::KRO::PostProcessing::Tools

@@ -9,4 +9,7 @@ namespace Libraries::KRO::PostProcessing::Tools {
 // UUID text in the given format. Null (and a log line) for a null or other-sized array.
 Ref<String> formatFsID(Ref<ByteArray> id, UUIDHelper::PlatformFormat format);
 
+// The bytes as they lie, two hexadecimal digits each; empty for null. For ids in log lines.
+std::string hexBytes(const ByteArray* bytes);
+
 } // namespace Libraries::KRO::PostProcessing::Tools
