@@ -1,5 +1,6 @@
 // postclone: post-processes cloned, restored or migrated disks so that they boot and are unique.
 
+#include "cli/fs_command.h"
 #include "cli/options.h"
 #include "cli/plan.h"
 #include "cli/report.h"
@@ -7,6 +8,7 @@
 #include "postprocessing/pp_handler.h"
 
 #include <cstdio>
+#include <string_view>
 
 namespace {
 
@@ -24,6 +26,8 @@ int usageError(const std::string& message)
 
 int main(int argc, char** argv)
 {
+    if (argc > 1 && std::string_view(argv[1]) == "fs")
+        return Cli::runFsCommand(argc, argv);
     const auto parsed = Cli::parseCommandLine(argc, argv);
     if (!parsed.options)
         return parsed.error.empty() ? parsed.exitCode : usageError(parsed.error);

@@ -1,0 +1,40 @@
+#include "platform/fs/filesys.h"
+
+#include "platform/core/error.h"
+#include "platform/fs/ext_filesys.h"
+#include "platform/fs/filesys_base.h"
+#include "platform/fs/host_filesys.h"
+#include "platform/storage/file_storage.h"
+
+#include <sys/stat.h>
+
+namespace Platform {
+
+Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, bool readOnly)
+{
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        Error::set(Error::PathNotFound);
+        return {};
+    }
+    if (S_ISDIR(info.st_mode))
+        return makeRef<HostFilesys>(path, readOnly);
+    const auto storage =
+        FileStorage::open(path, readOnly ? FileStorage::Access::ReadOnly : FileStorage::Access::ReadWrite);
+    return storage ? create(storage, flags, readOnly) : Ref<Filesys>();
+}
+
+Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bool readOnly)
+{
+    switch (MountHelper::probe(storage)) {
+    case FsExt2:
+    case FsExt3:
+    case FsExt4:
+        return ExtFilesys::open(std::move(storage), readOnly);
+    default:
+        Error::set(Error::NotSupported);
+        return {};
+    }
+}
+
+} // namespace Platform

@@ -1,0 +1,67 @@
+#pragma once
+// The file-system facade: files and directories inside a file system, whether the host mounted it
+// (a directory path) or it lies on one of our storages (a partition inside an image or a device).
+// Paths are absolute, with "/" between names. Failures are null or false results with
+// Platform::Error set (32 when a path does not exist).
+
+#include "platform/core/ref.h"
+#include "platform/storage/storage.h"
+
+#include <cstdint>
+#include <string>
+
+namespace Platform {
+
+// Open flags as the library passes them.
+namespace OpenFlags {
+inline constexpr std::uint32_t Read = 0x3;
+inline constexpr std::uint32_t Write = 0x10;
+inline constexpr std::uint32_t Create = 0x100;
+inline constexpr std::uint32_t Truncate = 0x200;
+inline constexpr std::uint32_t ReadWriteExisting = 0x13;
+inline constexpr std::uint32_t CreateOrOpen = 0x513;
+inline constexpr std::uint32_t CreateOrTruncate = 0x4313;
+inline constexpr std::uint32_t FileSystemByPath = 0x11;
+} // namespace OpenFlags
+
+class File : public Object {
+public:
+    virtual std::uint64_t size() = 0;
+    virtual bool seek(std::uint64_t position) = 0;
+    // Reads up to length bytes at the position and advances it; the count read (0 at the end).
+    virtual std::uint64_t read(void* buffer, std::uint64_t length) = 0;
+    virtual std::uint64_t write(const void* buffer, std::uint64_t length) = 0;
+    // Grows (with zeros) or shrinks the file; the size it has afterwards.
+    virtual std::uint64_t resize(std::uint64_t size) = 0;
+    virtual bool flush() = 0;
+};
+
+struct DirectoryEntry {
+    std::string name;
+    std::uint32_t type; // 1 a directory, 0 anything else
+    std::uint64_t size;
+};
+
+class Directory : public Object {
+public:
+    // The next entry ("." and ".." left out); false at the end.
+    virtual bool next(DirectoryEntry& entry) = 0;
+};
+
+class Filesys : public Object {
+public:
+    // A host directory path (a mounted file system).
+    static Ref<Filesys> create(const std::string& path, std::uint32_t flags, bool readOnly);
+    // The file system on a storage, as its own structures say.
+    static Ref<Filesys> create(Ref<Interfaces::Storage> storage, std::uint32_t flags, bool readOnly = false);
+
+    virtual Ref<File> openFile(const std::string& path, std::uint32_t flags) = 0;
+    virtual Ref<Directory> openDirectory(const std::string& path) = 0;
+    // In an existing directory; false when the name is taken.
+    virtual bool createDirectory(const std::string& path) = 0;
+    virtual bool removeFile(const std::string& path) = 0;
+    virtual bool flush() = 0;
+    virtual bool readOnly() const = 0;
+};
+
+} // namespace Platform

@@ -1,0 +1,85 @@
+#include "postprocessing/tools/file_tools.h"
+
+#include "platform/core/error.h"
+#include "platform/core/random.h"
+#include "platform/core/string_util.h"
+#include "postprocessing/log_channels.h"
+#include "postprocessing/tools/storage_resolution.h"
+
+#include <filesystem>
+#include <vector>
+
+namespace Libraries::KRO::PostProcessing {
+
+Ref<Platform::File> createTempFile()
+{
+    const u32 number = Platform::Random::create()->upTo(0xFFFFFFFF);
+    const std::string name = "ppfstab_" + Platform::StrConv::str(number, 16, 8);
+    std::error_code ignored;
+    const std::string folder = std::filesystem::temp_directory_path(ignored).string();
+    const auto host = Platform::Filesys::create(folder, Platform::OpenFlags::FileSystemByPath, false);
+    auto file = host ? host->openFile("/" + name, Platform::OpenFlags::CreateOrOpen) : Ref<Platform::File>();
+    if (!file) {
+        LogMessage(Channels::tools(), LogError) << "Could not create tempfile " << folder << "/" << name;
+        LogMessage(Channels::tools(), LogError) << " : " << Platform::Error::get();
+    }
+    return file;
+}
+
+namespace Tools {
+
+Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
+{
+    if (!keeper)
+        return {};
+    u64 partition = index;
+    if (keeper->getKind(index) == KindPartitionStorage)
+        partition = keeper->getId(index);
+    else if (keeper->getKind(index) != KindPartition) {
+        LogMessage(Channels::tools(), LogError) << "Id is no partition: " << entryLogName(*keeper, index);
+        return {};
+    }
+    const VariantList to = keeper->getTo(partition);
+    if (!to.empty() && (to.front().isString() || to.front().isInteger())) {
+        const std::string path =
+            to.front().isString() ? *to.front().asString() : Platform::StrConv::str(*to.front().asInteger());
+        if (auto fs = Platform::Filesys::create(path, Platform::OpenFlags::FileSystemByPath, false))
+            return fs;
+    }
+    const auto storage = getToStorage(keeper, partition);
+    if (!storage) {
+        LogMessage(Channels::tools(), LogDetail) << "Partition has no storage: " << entryLogName(*keeper, partition);
+        return {};
+    }
+    auto fs = Platform::Filesys::create(storage, Platform::OpenFlags::FileSystemByPath, false);
+    if (!fs)
+        LogMessage(Channels::tools(), LogDetail) << "Could not create filesys for " << entryLogName(*keeper, partition)
+                                                 << " " << Platform::Error::get();
+    return fs;
+}
+
+bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target)
+{
+    constexpr std::size_t kBlock = 16384;
+    if (!source || !target)
+        return false;
+    source->seek(0);
+    target->seek(0);
+    const u64 size = source->size();
+    if (target->resize(size) != size) {
+        LogMessage(Channels::tools(), LogError) << "Libraries::KRO::PostProcessing::Tools::copyFile: Could not resize";
+        return false;
+    }
+    std::vector<u8> buffer(kBlock);
+    for (u64 done; (done = source->read(buffer.data(), kBlock)) > 0;) {
+        if (target->write(buffer.data(), done) < done) {
+            LogMessage(Channels::tools(), LogError)
+                << "Libraries::KRO::PostProcessing::Tools::copyFile: Could not write all data";
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace Tools
+} // namespace Libraries::KRO::PostProcessing

@@ -1,0 +1,24 @@
+#pragma once
+// Target file systems, temporary files and file copies for the steps that rewrite files.
+
+#include "platform/fs/filesys.h"
+#include "postprocessing/keeper.h"
+
+namespace Libraries::KRO::PostProcessing {
+
+// A new temporary file "ppfstab_" plus 8 hex digits in the host temp folder, open for reading
+// and writing; null with two log lines on failure.
+Ref<Platform::File> createTempFile();
+
+namespace Tools {
+
+// The target file system of a partition entry (kind 1, or its kind-8 storage entry): a node path
+// named by the entry first, else the partition's target storage. mode is accepted as callers pass
+// it (always 1). Null when the partition has no usable file system.
+Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32 mode);
+
+// Copies the whole of source over target (resized to fit) in 16 KiB blocks.
+bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target);
+
+} // namespace Tools
+} // namespace Libraries::KRO::PostProcessing
