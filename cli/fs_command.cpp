@@ -6,6 +6,7 @@
 #include "platform/storage/file_storage.h"
 #include "platform/storage/window_storage.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -31,7 +32,16 @@ int failure(int code, const std::string& message)
 
 std::string errorText()
 {
-    return Error::get() == Error::PathNotFound ? "no such file or directory" : "error " + std::to_string(Error::get());
+    switch (Error::get()) {
+    case Error::PathNotFound:
+        return "no such file or directory";
+    case EUCLEAN:
+        return "the file system is damaged here";
+    case EEXIST:
+        return "already exists";
+    default:
+        return "error " + std::to_string(Error::get());
+    }
 }
 
 // The file system of the numbered partition of the target.
@@ -49,7 +59,8 @@ Ref<Filesys> openPartition(const std::string& target, unsigned number, bool read
             continue;
         auto fs = Filesys::create(WindowStorage::create(disk, partition->start(), partition->size()), 0, readOnly);
         if (!fs)
-            error = "partition " + std::to_string(number) + " of '" + target + "' holds no file system postclone can open";
+            error =
+                "partition " + std::to_string(number) + " of '" + target + "' holds no file system postclone can open";
         return fs;
     }
     error = "'" + target + "' has no partition " + std::to_string(number);
@@ -72,9 +83,10 @@ int cat(Filesys& fs, const std::string& path)
     if (!file)
         return failure(kMissing, path + ": " + errorText());
     std::vector<char> buffer(1 << 16);
+    Error::set(Error::None);
     for (std::uint64_t done; (done = file->read(buffer.data(), buffer.size())) > 0;)
         std::fwrite(buffer.data(), 1, done, stdout);
-    return kDone;
+    return Error::get() == Error::None ? kDone : failure(kMissing, path + ": " + errorText());
 }
 
 int put(Filesys& fs, const std::string& path, const std::string& local)

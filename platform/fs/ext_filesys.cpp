@@ -28,7 +28,8 @@ public:
     std::uint64_t read(void* buffer, std::uint64_t length) override
     {
         unsigned int done = 0;
-        if (const errcode_t error = ext2fs_file_read(file_, buffer, unsigned(std::min<std::uint64_t>(length, 1u << 30)), &done))
+        if (const errcode_t error =
+                ext2fs_file_read(file_, buffer, unsigned(std::min<std::uint64_t>(length, 1u << 30)), &done))
             Error::set(std::uint32_t(error));
         return done;
     }
@@ -86,7 +87,10 @@ int listEntry(ext2_ino_t, int, ext2_dir_entry* dirent, int, int, char*, void* da
     return 0;
 }
 
-std::string withoutSlash(const std::string& path) { return path.empty() || path[0] != '/' ? path : path.substr(1); }
+std::string withoutSlash(const std::string& path)
+{
+    return path.empty() || path[0] != '/' ? path : path.substr(1);
+}
 
 } // namespace
 
@@ -250,6 +254,9 @@ bool ExtFilesys::removeFile(const std::string& path)
     return true;
 }
 
-bool ExtFilesys::flush() { return readOnly_ || ext2fs_flush(handle()) == 0; }
+bool ExtFilesys::flush()
+{
+    return readOnly_ || ext2fs_flush(handle()) == 0;
+}
 
 } // namespace Platform

@@ -2,6 +2,7 @@
 
 #include "platform/core/error.h"
 #include "platform/fs/ext_filesys.h"
+#include "platform/fs/fat_filesys.h"
 #include "platform/fs/filesys_base.h"
 #include "platform/fs/host_filesys.h"
 #include "platform/storage/file_storage.h"
@@ -27,6 +28,10 @@ Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, bool 
 Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bool readOnly)
 {
     switch (MountHelper::probe(storage)) {
+    case FsFat12:
+    case FsFat16:
+    case FsFat32:
+        return FatFilesys::open(std::move(storage), readOnly);
     case FsExt2:
     case FsExt3:
     case FsExt4:

@@ -13,7 +13,10 @@ namespace Platform {
 
 namespace {
 
-void setErrno() { Error::set(errno == ENOENT ? Error::PathNotFound : std::uint32_t(errno)); }
+void setErrno()
+{
+    Error::set(errno == ENOENT ? Error::PathNotFound : std::uint32_t(errno));
+}
 
 class HostFile : public File {
 public:

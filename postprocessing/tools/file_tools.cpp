@@ -53,8 +53,8 @@ Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
     }
     auto fs = Platform::Filesys::create(storage, Platform::OpenFlags::FileSystemByPath, false);
     if (!fs)
-        LogMessage(Channels::tools(), LogDetail) << "Could not create filesys for " << entryLogName(*keeper, partition)
-                                                 << " " << Platform::Error::get();
+        LogMessage(Channels::tools(), LogDetail)
+            << "Could not create filesys for " << entryLogName(*keeper, partition) << " " << Platform::Error::get();
     return fs;
 }
 
