@@ -1,5 +1,7 @@
 #include "cli/fs_command.h"
 
+#include "cli/terminal.h"
+
 #include "platform/core/error.h"
 #include "platform/fs/filesys.h"
 #include "platform/partman/partition_manager.h"
@@ -39,6 +41,8 @@ std::string errorText()
         return "the file system is damaged here";
     case EEXIST:
         return "already exists";
+    case EROFS:
+        return "the file system is open read-only";
     default:
         return "error " + std::to_string(Error::get());
     }
@@ -125,6 +129,8 @@ int runFsCommand(int argc, char** argv)
     if (!known || number == 0 || argc != (needsLocal ? 7 : 6))
         return failure(kUsage, kUsageText);
 
+    SysLogStream::install(std::make_shared<StderrLog>());
+    SysLogFilter::setLevel(LogWarning);
     const bool readOnly = verb == "ls" || verb == "cat";
     std::string error;
     const auto fs = openPartition(target, number, readOnly, error);

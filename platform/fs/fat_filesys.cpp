@@ -18,7 +18,7 @@ namespace {
 
 // Directory entry fields.
 constexpr std::size_t kEntrySize = 32;
-constexpr std::size_t kName = 0;       // 11 bytes, 8.3
+constexpr std::size_t kName = 0; // 11 bytes, 8.3
 constexpr std::size_t kAttributes = 11;
 constexpr std::size_t kCreateTime = 14; // u16, then date at 16, access date at 18
 constexpr std::size_t kClusterHigh = 20;
@@ -36,7 +36,10 @@ constexpr std::size_t kLongCharOffsets[kCharsPerLongEntry] = {1, 3, 5, 7, 9, 14,
 constexpr std::size_t kFsInfoFreeCount = 488, kFsInfoNextFree = 492;
 constexpr std::uint32_t kFsInfoLead = 0x41615252, kFsInfoStruct = 0x61417272;
 
-void damaged() { Error::set(EUCLEAN); }
+void damaged()
+{
+    Error::set(EUCLEAN);
+}
 
 std::string lower(std::string text)
 {
@@ -81,11 +84,11 @@ struct FatFilesys::Volume {
     std::uint32_t bytesPerSector = 0;
     std::uint32_t clusterBytes = 0;
     std::uint32_t fats = 0;
-    std::uint64_t fatBytes = 0;     // one FAT copy
-    std::uint64_t fatOffset = 0;    // the first copy
-    std::uint64_t rootOffset = 0;   // FAT12/16 fixed root directory
+    std::uint64_t fatBytes = 0;   // one FAT copy
+    std::uint64_t fatOffset = 0;  // the first copy
+    std::uint64_t rootOffset = 0; // FAT12/16 fixed root directory
     std::uint32_t rootEntries = 0;
-    std::uint32_t rootCluster = 0;  // FAT32
+    std::uint32_t rootCluster = 0; // FAT32
     std::uint64_t dataOffset = 0;
     std::uint32_t maxCluster = 0;   // highest valid cluster number
     std::uint64_t fsInfoOffset = 0; // 0 when none
@@ -126,8 +129,8 @@ bool FatFilesys::Volume::load()
     fatOffset = std::uint64_t(reserved) * bytesPerSector;
     fatBytes = fatSectors * bytesPerSector;
     rootOffset = fatOffset + fats * fatBytes;
-    const std::uint64_t rootBytes = (std::uint64_t(rootEntries) * kEntrySize + bytesPerSector - 1) / bytesPerSector *
-                                    bytesPerSector;
+    const std::uint64_t rootBytes =
+        (std::uint64_t(rootEntries) * kEntrySize + bytesPerSector - 1) / bytesPerSector * bytesPerSector;
     dataOffset = rootOffset + rootBytes;
     maxCluster = std::uint32_t((total * bytesPerSector - dataOffset) / clusterBytes) + 1;
     if (type == FsFat32) {
@@ -316,8 +319,9 @@ std::optional<std::vector<FatFilesys::Node>> FatFilesys::Volume::list(const Node
         }
         Node node;
         node.attributes = entry[kAttributes];
-        node.firstCluster = std::uint32_t(entry[kClusterLow] | entry[kClusterLow + 1] << 8) |
-                            (type == FsFat32 ? std::uint32_t(entry[kClusterHigh] | entry[kClusterHigh + 1] << 8) << 16 : 0);
+        node.firstCluster =
+            std::uint32_t(entry[kClusterLow] | entry[kClusterLow + 1] << 8) |
+            (type == FsFat32 ? std::uint32_t(entry[kClusterHigh] | entry[kClusterHigh + 1] << 8) << 16 : 0);
         node.size = ByteView({entry, kEntrySize}).u32(kFileSize);
         node.entryOffset = offset;
         if (!longName.empty() && longChecksum == shortNameChecksum(entry)) {
@@ -452,8 +456,8 @@ std::uint64_t FatFile::resize(std::uint64_t newSize)
         const auto clusters = chainFor(newSize);
         if (!clusters)
             return node_.size;
-        const std::uint64_t tailEnd = std::min<std::uint64_t>(
-            newSize, (node_.size + volume.clusterBytes - 1) / volume.clusterBytes * volume.clusterBytes);
+        const std::uint64_t tailEnd = std::min<std::uint64_t>(newSize, (node_.size + volume.clusterBytes - 1) /
+                                                                           volume.clusterBytes * volume.clusterBytes);
         if (tailEnd > node_.size) {
             const std::vector<std::uint8_t> zeros(std::size_t(tailEnd - node_.size), 0);
             const std::uint64_t index = node_.size / volume.clusterBytes;
@@ -521,7 +525,9 @@ private:
 
 } // namespace
 
-FatFilesys::FatFilesys(std::unique_ptr<Volume> volume, bool readOnly) : volume_(std::move(volume)), readOnly_(readOnly) {}
+FatFilesys::FatFilesys(std::unique_ptr<Volume> volume, bool readOnly) : volume_(std::move(volume)), readOnly_(readOnly)
+{
+}
 
 FatFilesys::~FatFilesys() = default;
 
@@ -687,7 +693,9 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
         entry[13] = checksum;
         for (std::size_t c = 0; c < kCharsPerLongEntry; ++c) {
             const std::size_t index = (sequence - 1) * kCharsPerLongEntry + c;
-            const std::uint16_t unit = index < name.size() ? std::uint8_t(name[index]) : index == name.size() ? 0 : 0xFFFF;
+            const std::uint16_t unit = index < name.size()    ? std::uint8_t(name[index])
+                                       : index == name.size() ? 0
+                                                              : 0xFFFF;
             ByteWriter(entry).u16(kLongCharOffsets[c], unit);
         }
         if (!writeBytes(*volume_->storage, (*slots)[first + k], entry))
@@ -771,7 +779,8 @@ bool FatFilesys::createDirectory(const std::string& path)
     // "." and ".." first, then the entry in the parent.
     const std::uint32_t parentCluster =
         parent->firstCluster == volume_->rootCluster && volume_->type == FsFat32 ? 0 : parent->firstCluster;
-    for (const auto& [name, target, index] : {std::tuple{".          ", *cluster, 0}, std::tuple{"..         ", parentCluster, 1}}) {
+    for (const auto& [name, target, index] :
+         {std::tuple{".          ", *cluster, 0}, std::tuple{"..         ", parentCluster, 1}}) {
         std::uint8_t entry[kEntrySize] = {};
         std::memcpy(entry, name, 11);
         entry[kAttributes] = kDirectory;
@@ -813,6 +822,9 @@ bool FatFilesys::removeFile(const std::string& path)
     return volume_->writeFats();
 }
 
-bool FatFilesys::flush() { return volume_->writeFats() && volume_->storage->flush(); }
+bool FatFilesys::flush()
+{
+    return volume_->writeFats() && volume_->storage->flush();
+}
 
 } // namespace Platform

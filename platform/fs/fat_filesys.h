@@ -31,7 +31,7 @@ public:
         std::uint8_t attributes = 0;
         std::uint32_t firstCluster = 0;
         std::uint32_t size = 0;
-        std::uint64_t entryOffset = 0;             // the 8.3 entry's byte offset, 0 for the root
+        std::uint64_t entryOffset = 0;              // the 8.3 entry's byte offset, 0 for the root
         std::vector<std::uint64_t> longNameOffsets; // its long-name entries
         bool isDirectory() const { return attributes & 0x10; }
     };

@@ -5,6 +5,7 @@
 #include "platform/fs/fat_filesys.h"
 #include "platform/fs/filesys_base.h"
 #include "platform/fs/host_filesys.h"
+#include "platform/fs/ntfs_filesys.h"
 #include "platform/storage/file_storage.h"
 
 #include <sys/stat.h>
@@ -32,6 +33,8 @@ Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bo
     case FsFat16:
     case FsFat32:
         return FatFilesys::open(std::move(storage), readOnly);
+    case FsNtfs:
+        return NtfsFilesys::open(std::move(storage), readOnly);
     case FsExt2:
     case FsExt3:
     case FsExt4:

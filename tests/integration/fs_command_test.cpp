@@ -1,5 +1,5 @@
 // postclone fs on images made by mkfs, checked by tools we did not write: mtools and fsck.fat for
-// FAT, debugfs and e2fsck for ext4.
+// FAT, debugfs and e2fsck for ext4, ntfscat and ntfsfix for NTFS.
 
 #include "tests/support/command.h"
 
@@ -32,6 +32,13 @@ protected:
         TestSupport::createImage(image, 80 << 20);
         std::ofstream(dir.file("layout")) << "label: dos\nstart=2048, type=" << family.type << "\n";
         ASSERT_EQ(run({"sh", "-c", "sfdisk -q '" + image + "' < '" + dir.file("layout") + "'"}).exitCode, 0);
+        if (family.name == "ntfs") { // mkntfs takes no offset: made apart, then copied in
+            const std::string part = dir.file("ntfs.part");
+            TestSupport::createImage(part, 70 << 20);
+            runTool({"mkntfs", "-F", "-f", "-q", part});
+            runTool({"dd", "if=" + part, "of=" + image, "bs=1M", "seek=1", "conv=notrunc", "status=none"});
+            return;
+        }
         auto mkfs = family.mkfs;
         mkfs.push_back(image);
         if (family.name == "ext4")
@@ -59,7 +66,16 @@ protected:
     {
         if (family.name == "ext4")
             return runTool({"debugfs", "-R", "cat " + path, image + "?offset=" + offset});
+        if (family.name == "ntfs")
+            return runTool({"ntfscat", partition(), path});
         return runTool({"mtype", "-i", image + "@@" + offset, "::" + path});
+    }
+    // The partition cut out of the image, for tools that take no offset.
+    std::string partition()
+    {
+        const std::string part = dir.file("part");
+        runTool({"dd", "if=" + image, "of=" + part, "bs=1M", "skip=1", "count=70", "status=none"});
+        return part;
     }
     void expectClean(const Family& family)
     {
@@ -67,9 +83,11 @@ protected:
             EXPECT_EQ(run({"e2fsck", "-fn", image + "?offset=" + offset}).exitCode, 0);
             return;
         }
-        const std::string part = dir.file("part");
-        runTool({"dd", "if=" + image, "of=" + part, "bs=1M", "skip=1", "status=none"});
-        const auto check = run({"fsck.fat", "-n", part});
+        if (family.name == "ntfs") {
+            EXPECT_EQ(run({"ntfsfix", "-n", partition()}).exitCode, 0);
+            return;
+        }
+        const auto check = run({"fsck.fat", "-n", partition()});
         EXPECT_EQ(check.exitCode, 0);
         EXPECT_EQ(std::count(check.out.begin(), check.out.end(), '\n'), 2) << check.out; // the summary only
     }
@@ -79,6 +97,7 @@ const std::vector<Family> kFamilies{
     {"fat16", "e", {"mkfs.fat", "-F", "16", "--offset", "2048"}},
     {"fat32", "c", {"mkfs.fat", "-F", "32", "-s", "1", "--offset", "2048"}},
     {"ext4", "83", {"mkfs.ext4", "-q", "-F"}},
+    {"ntfs", "7", {}},
 };
 
 TEST_F(FsCommand, FilesGrowShrinkAndReadBackWithTheFamilysTools)
@@ -117,6 +136,19 @@ TEST_F(FsCommand, WindowsNamesAreFoundInAnyCaseExtNamesOnlyAsWritten)
             EXPECT_EQ(found.out, content);
         }
     }
+}
+
+TEST_F(FsCommand, HibernatedNtfsIsOpenedReadOnlyAndSaysSo)
+{
+    make(kFamilies[3]);
+    std::string content = "hibr" + std::string(8188, '\0'); // what Windows leaves when it hibernates
+    std::ofstream(dir.file("hiberfil"), std::ios::binary) << content;
+    ASSERT_EQ(fs({"put", image, "1", "/hiberfil.sys", dir.file("hiberfil")}).exitCode, 0);
+    const auto refused = fs({"put", image, "1", "/x.txt", local("x", 10, content)});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find("hibernated or was not shut down cleanly; it is open read-only"), std::string::npos);
+    EXPECT_NE(refused.err.find("postclone: /x.txt: the file system is open read-only"), std::string::npos);
+    EXPECT_NE(fs({"ls", image, "1", "/"}).out.find("hiberfil.sys\t8192"), std::string::npos);
 }
 
 TEST_F(FsCommand, MissingThingsAreExitOneAndUsageIsExitTwo)
