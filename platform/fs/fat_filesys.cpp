@@ -361,8 +361,13 @@ public:
     bool flush() override;
 
 private:
-    // The chain, extended (with zeroed clusters) to hold bytes; nothing on a damaged chain.
-    std::optional<std::vector<std::uint32_t>> chainFor(std::uint64_t bytes);
+    // The chain, extended to hold bytes; new clusters are zeroed unless the caller fills them.
+    // Nothing on a damaged chain.
+    std::optional<std::vector<std::uint32_t>> chainFor(std::uint64_t bytes, bool zeroNew);
+    // Moves bytes between the buffer and the file at the position, one transfer per run of
+    // consecutive clusters.
+    template <typename Transfer>
+    std::uint64_t transfer(const std::vector<std::uint32_t>& clusters, std::uint64_t length, Transfer move);
     bool updateEntry();
 
     Ref<FatFilesys> fs_;
@@ -372,7 +377,7 @@ private:
     std::uint64_t position_ = 0;
 };
 
-std::optional<std::vector<std::uint32_t>> FatFile::chainFor(std::uint64_t bytes)
+std::optional<std::vector<std::uint32_t>> FatFile::chainFor(std::uint64_t bytes, bool zeroNew)
 {
     auto& volume = fs_->volume();
     auto clusters = volume.chain(node_.firstCluster);
@@ -381,7 +386,7 @@ std::optional<std::vector<std::uint32_t>> FatFile::chainFor(std::uint64_t bytes)
     const std::uint64_t needed = (bytes + volume.clusterBytes - 1) / volume.clusterBytes;
     while (clusters->size() < needed) {
         const auto cluster = volume.allocate();
-        if (!cluster || !volume.zeroCluster(*cluster))
+        if (!cluster || (zeroNew && !volume.zeroCluster(*cluster)))
             return std::nullopt;
         if (clusters->empty())
             node_.firstCluster = *cluster;
@@ -391,6 +396,33 @@ std::optional<std::vector<std::uint32_t>> FatFile::chainFor(std::uint64_t bytes)
         dirty_ = true;
     }
     return clusters;
+}
+
+template <typename Transfer>
+std::uint64_t FatFile::transfer(const std::vector<std::uint32_t>& clusters, std::uint64_t length, Transfer move)
+{
+    auto& volume = fs_->volume();
+    std::uint64_t done = 0;
+    while (done < length) {
+        const std::uint64_t index = position_ / volume.clusterBytes, within = position_ % volume.clusterBytes;
+        if (index >= clusters.size()) {
+            damaged(); // the chain is shorter than the size says
+            break;
+        }
+        // Extend the run while the following clusters lie right behind each other.
+        std::uint64_t last = index;
+        std::uint64_t span = volume.clusterBytes - within;
+        while (span < length - done && last + 1 < clusters.size() && clusters[last + 1] == clusters[last] + 1) {
+            ++last;
+            span += volume.clusterBytes;
+        }
+        const std::uint64_t chunk = std::min<std::uint64_t>(length - done, span);
+        if (!move(volume.clusterOffset(clusters[index]) + within, done, chunk))
+            break;
+        done += chunk;
+        position_ += chunk;
+    }
+    return done;
 }
 
 std::uint64_t FatFile::read(void* buffer, std::uint64_t length)
@@ -403,20 +435,9 @@ std::uint64_t FatFile::read(void* buffer, std::uint64_t length)
     if (!clusters)
         return 0;
     auto* out = static_cast<std::uint8_t*>(buffer);
-    std::uint64_t done = 0;
-    while (done < length) {
-        const std::uint64_t index = position_ / volume.clusterBytes, within = position_ % volume.clusterBytes;
-        if (index >= clusters->size()) {
-            damaged(); // the chain is shorter than the size says
-            break;
-        }
-        const std::uint64_t chunk = std::min<std::uint64_t>(length - done, volume.clusterBytes - within);
-        if (!readBytes(*volume.storage, volume.clusterOffset((*clusters)[index]) + within, {out + done, chunk}))
-            break;
-        done += chunk;
-        position_ += chunk;
-    }
-    return done;
+    return transfer(*clusters, length, [&](std::uint64_t offset, std::uint64_t at, std::uint64_t count) {
+        return readBytes(*volume.storage, offset, {out + at, count});
+    });
 }
 
 std::uint64_t FatFile::write(const void* buffer, std::uint64_t length)
@@ -426,19 +447,17 @@ std::uint64_t FatFile::write(const void* buffer, std::uint64_t length)
         return 0;
     }
     auto& volume = fs_->volume();
-    const auto clusters = chainFor(position_ + length);
+    // A gap behind the end reads as zeros; the clusters written here need no zeroing first.
+    if (position_ > node_.size && resize(position_) != position_)
+        return 0;
+    const auto clusters = chainFor(position_ + length, false);
     if (!clusters)
         return 0;
     const auto* in = static_cast<const std::uint8_t*>(buffer);
-    std::uint64_t done = 0;
-    while (done < length) {
-        const std::uint64_t index = position_ / volume.clusterBytes, within = position_ % volume.clusterBytes;
-        const std::uint64_t chunk = std::min<std::uint64_t>(length - done, volume.clusterBytes - within);
-        if (!writeBytes(*volume.storage, volume.clusterOffset((*clusters)[index]) + within, {in + done, chunk}))
-            break;
-        done += chunk;
-        position_ += chunk;
-    }
+    const std::uint64_t done =
+        transfer(*clusters, length, [&](std::uint64_t offset, std::uint64_t at, std::uint64_t count) {
+            return writeBytes(*volume.storage, offset, {in + at, count});
+        });
     if (position_ > node_.size) {
         node_.size = std::uint32_t(position_);
         dirty_ = true;
@@ -453,7 +472,7 @@ std::uint64_t FatFile::resize(std::uint64_t newSize)
     auto& volume = fs_->volume();
     if (newSize > node_.size) {
         // New clusters come zeroed; the tail of the last old cluster is zeroed here.
-        const auto clusters = chainFor(newSize);
+        const auto clusters = chainFor(newSize, true);
         if (!clusters)
             return node_.size;
         const std::uint64_t tailEnd = std::min<std::uint64_t>(newSize, (node_.size + volume.clusterBytes - 1) /

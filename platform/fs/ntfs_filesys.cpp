@@ -45,7 +45,10 @@ struct Device {
     s64 size() const { return s64(storage->elementCount() * storage->elementSize()); }
 };
 
-Device& deviceOf(ntfs_device* dev) { return *static_cast<Device*>(dev->d_private); }
+Device& deviceOf(ntfs_device* dev)
+{
+    return *static_cast<Device*>(dev->d_private);
+}
 
 int deviceOpen(ntfs_device* dev, int flags)
 {
@@ -116,7 +119,10 @@ s64 deviceWrite(ntfs_device* dev, const void* buffer, s64 count)
     return done;
 }
 
-int deviceSync(ntfs_device* dev) { return deviceOf(dev).storage->flush() ? 0 : -1; }
+int deviceSync(ntfs_device* dev)
+{
+    return deviceOf(dev).storage->flush() ? 0 : -1;
+}
 
 int deviceStat(ntfs_device* dev, struct stat* info)
 {
@@ -132,7 +138,7 @@ int deviceIoctl(ntfs_device*, unsigned long, void*)
     return -1;
 }
 
-ntfs_device_operations storageOperations = {deviceOpen,  deviceClose,  deviceSeek, deviceRead,  deviceWrite,
+ntfs_device_operations storageOperations = {deviceOpen,  deviceClose,  deviceSeek, deviceRead, deviceWrite,
                                             devicePread, devicePwrite, deviceSync, deviceStat, deviceIoctl};
 
 // A UTF-16 name for libntfs-3g, freed with the object.
@@ -280,7 +286,10 @@ NtfsFilesys::NtfsFilesys(std::unique_ptr<Mount> mount) : mount_(std::move(mount)
 
 NtfsFilesys::~NtfsFilesys() = default;
 
-bool NtfsFilesys::readOnly() const { return mount_->readOnly; }
+bool NtfsFilesys::readOnly() const
+{
+    return mount_->readOnly;
+}
 
 Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, bool readOnly, bool force)
 {
@@ -386,8 +395,8 @@ bool NtfsFilesys::create(const std::string& path, bool directory)
             ntfs_inode_close(parent);
         return false;
     }
-    ntfs_inode* inode = ntfs_create(parent, const_cpu_to_le32(0), unicode.text, u8(unicode.length),
-                                    directory ? S_IFDIR : S_IFREG);
+    ntfs_inode* inode =
+        ntfs_create(parent, const_cpu_to_le32(0), unicode.text, u8(unicode.length), directory ? S_IFDIR : S_IFREG);
     if (!inode)
         setError();
     else
@@ -396,7 +405,10 @@ bool NtfsFilesys::create(const std::string& path, bool directory)
     return inode != nullptr;
 }
 
-bool NtfsFilesys::createDirectory(const std::string& path) { return create(path, true); }
+bool NtfsFilesys::createDirectory(const std::string& path)
+{
+    return create(path, true);
+}
 
 bool NtfsFilesys::removeFile(const std::string& path)
 {
@@ -424,6 +436,9 @@ bool NtfsFilesys::removeFile(const std::string& path)
     return true;
 }
 
-bool NtfsFilesys::flush() { return mount_->readOnly || ntfs_device_sync(mount_->device) == 0; }
+bool NtfsFilesys::flush()
+{
+    return mount_->readOnly || ntfs_device_sync(mount_->device) == 0;
+}
 
 } // namespace Platform

@@ -222,17 +222,22 @@ TEST_F(FsCommand, DamagedStructuresAreErrorsAndNothingIsWritten)
         EXPECT_EQ(runTool({"sha256sum", image}), before) << damage.what;
     }
 
-    make(kFamilies[2]);
-    {
-        std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(std::streamoff(kStart + 1024 + 0x38)); // the ext magic number
-        file.put('\0');
+    // Damaged superblocks: the ext magic number, and an NTFS boot sector that claims more sectors
+    // than the partition has.
+    const std::pair<std::size_t, std::uint64_t> superblocks[] = {{2, kStart + 1024 + 0x38}, {3, kStart + 0x2D}};
+    for (const auto& [family, at] : superblocks) {
+        make(kFamilies[family]);
+        {
+            std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
+            file.seekp(std::streamoff(at));
+            file.put(family == 2 ? '\0' : '\x7F');
+        }
+        const auto before = runTool({"sha256sum", image});
+        const auto result = fs({"put", image, "1", "/x", local("x", 10, content)});
+        EXPECT_EQ(result.exitCode, 1) << kFamilies[family].name;
+        EXPECT_NE(result.err.find("holds no file system"), std::string::npos) << result.err;
+        EXPECT_EQ(runTool({"sha256sum", image}), before) << kFamilies[family].name;
     }
-    const auto before = runTool({"sha256sum", image});
-    const auto result = fs({"put", image, "1", "/x", local("x", 10, content)});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_NE(result.err.find("holds no file system"), std::string::npos);
-    EXPECT_EQ(runTool({"sha256sum", image}), before);
 }
 
 } // namespace

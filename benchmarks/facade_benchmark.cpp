@@ -1,0 +1,96 @@
+// Rewriting a 1 MiB file inside each file-system backend, against the family's own tools doing
+// the same on the same kind of image (mtools, debugfs, ntfscp), as ratios.
+
+#include "platform/fs/filesys.h"
+#include "platform/log/log.h"
+#include "platform/storage/file_storage.h"
+#include "tests/support/command.h"
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <fstream>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsOf(const std::function<void()>& work)
+{
+    const auto start = Clock::now();
+    work();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+struct Backend {
+    const char* name;
+    std::vector<std::string> mkfs;
+    // The family's tool writing local over /data.bin on image.
+    std::function<void(const std::string& image, const std::string& local)> theirs;
+};
+
+void rewriteOurs(const std::string& image, const std::vector<char>& data)
+{
+    auto storage = Platform::FileStorage::open(image, Platform::FileStorage::Access::ReadWrite);
+    auto fs = Platform::Filesys::create(storage, 0, false);
+    auto file = fs->openFile("/data.bin", Platform::OpenFlags::CreateOrTruncate);
+    file->write(data.data(), data.size());
+    file->flush();
+    fs->flush();
+}
+
+void runBackend(benchmark::State& state, const Backend& backend)
+{
+    TestSupport::TempDir dir;
+    const std::string ours = dir.file("ours.img"), theirs = dir.file("theirs.img"), local = dir.file("data.bin");
+    for (const auto& image : {ours, theirs}) {
+        TestSupport::createImage(image, 64 << 20);
+        auto mkfs = backend.mkfs;
+        mkfs.push_back(image);
+        TestSupport::run(mkfs);
+    }
+    const std::vector<char> data(1 << 20, 'x');
+    std::ofstream(local, std::ios::binary).write(data.data(), std::streamsize(data.size()));
+    double oursTotal = 0, theirsTotal = 0;
+    for (auto _ : state) {
+        const double o = secondsOf([&] { rewriteOurs(ours, data); });
+        theirsTotal += secondsOf([&] { backend.theirs(theirs, local); });
+        oursTotal += o;
+        state.SetIterationTime(o);
+    }
+    state.counters["ours_ms"] = 1000 * oursTotal / double(state.iterations());
+    state.counters["tool_ms"] = 1000 * theirsTotal / double(state.iterations());
+    state.counters["tool_over_ours"] = theirsTotal / oursTotal;
+}
+
+const Backend kFat{"fat32", {"mkfs.fat", "-F", "32", "-s", "1"}, [](const std::string& image, const std::string& local) {
+                       TestSupport::run({"mcopy", "-o", "-i", image, local, "::/data.bin"});
+                   }};
+const Backend kExt{"ext4", {"mkfs.ext4", "-q", "-F"}, [](const std::string& image, const std::string& local) {
+                       TestSupport::run({"debugfs", "-w", "-R", "rm /data.bin", image});
+                       TestSupport::run({"debugfs", "-w", "-R", "write " + local + " data.bin", image});
+                   }};
+const Backend kNtfs{"ntfs", {"mkntfs", "-F", "-f", "-q"}, [](const std::string& image, const std::string& local) {
+                        TestSupport::run({"ntfscp", "-f", image, local, "/data.bin"});
+                    }};
+
+void BM_Rewrite1MiB_Fat32(benchmark::State& state) { runBackend(state, kFat); }
+void BM_Rewrite1MiB_Ext4(benchmark::State& state) { runBackend(state, kExt); }
+void BM_Rewrite1MiB_Ntfs(benchmark::State& state) { runBackend(state, kNtfs); }
+
+BENCHMARK(BM_Rewrite1MiB_Fat32)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Rewrite1MiB_Ext4)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Rewrite1MiB_Ntfs)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    setenv("MTOOLS_SKIP_CHECK", "1", 1);
+    Platform::SysLogFilter::setLevel(5);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+}
