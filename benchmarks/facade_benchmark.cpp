@@ -10,8 +10,8 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <fstream>
+#include <functional>
 
 namespace {
 
@@ -65,9 +65,10 @@ void runBackend(benchmark::State& state, const Backend& backend)
     state.counters["tool_over_ours"] = theirsTotal / oursTotal;
 }
 
-const Backend kFat{"fat32", {"mkfs.fat", "-F", "32", "-s", "1"}, [](const std::string& image, const std::string& local) {
-                       TestSupport::run({"mcopy", "-o", "-i", image, local, "::/data.bin"});
-                   }};
+const Backend kFat{
+    "fat32", {"mkfs.fat", "-F", "32", "-s", "1"}, [](const std::string& image, const std::string& local) {
+        TestSupport::run({"mcopy", "-o", "-i", image, local, "::/data.bin"});
+    }};
 const Backend kExt{"ext4", {"mkfs.ext4", "-q", "-F"}, [](const std::string& image, const std::string& local) {
                        TestSupport::run({"debugfs", "-w", "-R", "rm /data.bin", image});
                        TestSupport::run({"debugfs", "-w", "-R", "write " + local + " data.bin", image});
@@ -76,9 +77,18 @@ const Backend kNtfs{"ntfs", {"mkntfs", "-F", "-f", "-q"}, [](const std::string& 
                         TestSupport::run({"ntfscp", "-f", image, local, "/data.bin"});
                     }};
 
-void BM_Rewrite1MiB_Fat32(benchmark::State& state) { runBackend(state, kFat); }
-void BM_Rewrite1MiB_Ext4(benchmark::State& state) { runBackend(state, kExt); }
-void BM_Rewrite1MiB_Ntfs(benchmark::State& state) { runBackend(state, kNtfs); }
+void BM_Rewrite1MiB_Fat32(benchmark::State& state)
+{
+    runBackend(state, kFat);
+}
+void BM_Rewrite1MiB_Ext4(benchmark::State& state)
+{
+    runBackend(state, kExt);
+}
+void BM_Rewrite1MiB_Ntfs(benchmark::State& state)
+{
+    runBackend(state, kNtfs);
+}
 
 BENCHMARK(BM_Rewrite1MiB_Fat32)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Rewrite1MiB_Ext4)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);

@@ -1,4 +1,5 @@
 #include "platform/fs/ext_filesys.h"
+#include "platform/fs/listed_directory.h"
 
 #include "platform/core/error.h"
 
@@ -52,22 +53,6 @@ public:
 private:
     Ref<ExtFilesys> owner_; // keeps the file system open while the file is
     ext2_file_t file_;
-};
-
-class ListedDirectory : public Directory {
-public:
-    explicit ListedDirectory(std::vector<DirectoryEntry> entries) : entries_(std::move(entries)) {}
-    bool next(DirectoryEntry& entry) override
-    {
-        if (next_ >= entries_.size())
-            return false;
-        entry = entries_[next_++];
-        return true;
-    }
-
-private:
-    std::vector<DirectoryEntry> entries_;
-    std::size_t next_ = 0;
 };
 
 struct Listing {

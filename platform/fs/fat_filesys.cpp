@@ -1,4 +1,5 @@
 #include "platform/fs/fat_filesys.h"
+#include "platform/fs/listed_directory.h"
 
 #include "platform/core/bytes.h"
 #include "platform/core/error.h"
@@ -526,22 +527,6 @@ bool FatFile::flush()
     return updateEntry() && fs_->volume().writeFats();
 }
 
-class ListedEntries : public Directory {
-public:
-    explicit ListedEntries(std::vector<DirectoryEntry> entries) : entries_(std::move(entries)) {}
-    bool next(DirectoryEntry& entry) override
-    {
-        if (next_ >= entries_.size())
-            return false;
-        entry = entries_[next_++];
-        return true;
-    }
-
-private:
-    std::vector<DirectoryEntry> entries_;
-    std::size_t next_ = 0;
-};
-
 } // namespace
 
 FatFilesys::FatFilesys(std::unique_ptr<Volume> volume, bool readOnly) : volume_(std::move(volume)), readOnly_(readOnly)
@@ -781,7 +766,7 @@ Ref<Directory> FatFilesys::openDirectory(const std::string& path)
     for (const auto& child : *children)
         if (child.name != "." && child.name != "..")
             entries.push_back({child.name, child.isDirectory() ? 1u : 0u, child.size});
-    return makeRef<ListedEntries>(std::move(entries));
+    return makeRef<ListedDirectory>(std::move(entries));
 }
 
 bool FatFilesys::createDirectory(const std::string& path)

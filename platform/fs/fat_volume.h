@@ -1,7 +1,7 @@
 #pragma once
 // FAT12, FAT16 and FAT32: the volume serial and hidden-sectors fields of the boot sector, and on
-// FAT32 of its backup copy too. The FAT type follows from the cluster count, as the FAT
-// specification defines it.
+// FAT32 of its backup copy too. The FAT type follows from the cluster count, as the format itself
+// defines it.
 
 #include "platform/fs/filesys_base.h"
 

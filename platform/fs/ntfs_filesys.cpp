@@ -1,4 +1,5 @@
 #include "platform/fs/ntfs_filesys.h"
+#include "platform/fs/listed_directory.h"
 
 #include "platform/core/error.h"
 #include "platform/log/log.h"
@@ -236,22 +237,6 @@ private:
     std::uint64_t position_ = 0;
 };
 
-class ListedNames : public Directory {
-public:
-    explicit ListedNames(std::vector<DirectoryEntry> entries) : entries_(std::move(entries)) {}
-    bool next(DirectoryEntry& entry) override
-    {
-        if (next_ >= entries_.size())
-            return false;
-        entry = entries_[next_++];
-        return true;
-    }
-
-private:
-    std::vector<DirectoryEntry> entries_;
-    std::size_t next_ = 0;
-};
-
 struct Listing {
     ntfs_volume* volume;
     std::vector<DirectoryEntry> entries;
@@ -377,7 +362,7 @@ Ref<Directory> NtfsFilesys::openDirectory(const std::string& path)
         setError();
         return {};
     }
-    return makeRef<ListedNames>(std::move(listing.entries));
+    return makeRef<ListedDirectory>(std::move(listing.entries));
 }
 
 bool NtfsFilesys::create(const std::string& path, bool directory)
