@@ -1,11 +1,14 @@
 #include "postprocessing/pipeline.h"
 
+#include "postprocessing/bootloader/grub_config.h"
+#include "postprocessing/bootloader/raspberry_pi.h"
 #include "postprocessing/common/disk_ids.h"
 #include "postprocessing/common/fs_offset.h"
 #include "postprocessing/common/mbr_chs.h"
 #include "postprocessing/common/media_direct.h"
 #include "postprocessing/common/partition_type.h"
 #include "postprocessing/common/volume_ids.h"
+#include "postprocessing/linux/fstab.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/windows/lba_patch.h"
@@ -261,6 +264,9 @@ const PipelineSteps& PipelineSteps::builtIn()
         built.adjustFsOffset = Common::adjustFsOffset;
         built.transferOrAdjustPartitionType = Common::transferOrAdjustPartitionType;
         built.adjustPartitionType = Common::adjustPartitionType;
+        built.adjustGrubCfg = Bootloader::adjustGrubCfg;
+        built.adjustRaspberryPi = Bootloader::adjustRaspberryPi;
+        built.adjustFstab = Linux::adjustFstab;
         return built;
     }();
     return steps;

@@ -11,6 +11,32 @@
 
 namespace Libraries::KRO::PostProcessing {
 
+namespace {
+
+// The temporary file is removed with its last reference: a rewrite never leaves one behind.
+class TemporaryFile : public Platform::File {
+public:
+    TemporaryFile(Ref<Platform::File> inner, std::string path) : inner_(std::move(inner)), path_(std::move(path)) {}
+    ~TemporaryFile() override
+    {
+        inner_.reset();
+        std::error_code ignored;
+        std::filesystem::remove(path_, ignored);
+    }
+    std::uint64_t size() override { return inner_->size(); }
+    bool seek(std::uint64_t position) override { return inner_->seek(position); }
+    std::uint64_t read(void* buffer, std::uint64_t length) override { return inner_->read(buffer, length); }
+    std::uint64_t write(const void* buffer, std::uint64_t length) override { return inner_->write(buffer, length); }
+    std::uint64_t resize(std::uint64_t size) override { return inner_->resize(size); }
+    bool flush() override { return inner_->flush(); }
+
+private:
+    Ref<Platform::File> inner_;
+    std::string path_;
+};
+
+} // namespace
+
 Ref<Platform::File> createTempFile()
 {
     const u32 number = Platform::Random::create()->upTo(0xFFFFFFFF);
@@ -22,8 +48,9 @@ Ref<Platform::File> createTempFile()
     if (!file) {
         LogMessage(Channels::tools(), LogError) << "Could not create tempfile " << folder << "/" << name;
         LogMessage(Channels::tools(), LogError) << " : " << Platform::Error::get();
+        return {};
     }
-    return file;
+    return makeRef<TemporaryFile>(file, folder + "/" + name);
 }
 
 namespace Tools {

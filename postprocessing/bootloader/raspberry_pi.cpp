@@ -1,0 +1,139 @@
+#include "postprocessing/bootloader/raspberry_pi.h"
+
+#include "platform/core/error.h"
+#include "platform/core/string_util.h"
+#include "postprocessing/log_channels.h"
+#include "postprocessing/tools/file_tools.h"
+#include "postprocessing/tools/target_filesystem.h"
+
+#include <vector>
+
+namespace Libraries::KRO::PostProcessing::Bootloader {
+
+namespace {
+
+using Platform::StringUtil;
+
+// "key=value" split at its first "="; nothing without one.
+std::optional<std::pair<std::string, std::string>> splitOption(const std::string& option)
+{
+    const auto equals = option.find('=');
+    if (equals == std::string::npos)
+        return std::nullopt;
+    return std::pair{option.substr(0, equals), option.substr(equals + 1)};
+}
+
+bool isFat(u32 type) { return type == Platform::FsFat12 || type == Platform::FsFat16 || type == Platform::FsFat32; }
+
+// Both firmware files must be there; a missing one is normal and silent.
+bool holdsPiFirmware(Platform::Filesys& fs)
+{
+    bool both = true;
+    for (const char* name : {"bootcode.bin", "start.elf"}) {
+        Platform::Error::set(Platform::Error::None);
+        if (fs.openFile(std::string("/") + name, Platform::OpenFlags::Read))
+            continue;
+        both = false;
+        if (Platform::Error::get() != Platform::Error::PathNotFound)
+            LogMessage(Channels::bootloader(), LogError) << "Failed to open " << name << "; error: "
+                                                         << Platform::Error::get();
+    }
+    return both;
+}
+
+// Reads, rewrites and writes back /cmdline.txt; true when it was written.
+bool adjustCommandLine(Platform::Filesys& fs, const UuidReplaceMap& fsIds, const UuidReplaceMap& partitionIds)
+{
+    Platform::Error::set(Platform::Error::None);
+    const auto file = fs.openFile("/cmdline.txt", Platform::OpenFlags::ReadWriteExisting);
+    if (!file) {
+        if (Platform::Error::get() != Platform::Error::PathNotFound)
+            LogMessage(Channels::bootloader(), LogError) << "Failed to open /cmdline.txt; error: "
+                                                         << Platform::Error::get();
+        return false;
+    }
+    const u64 size = file->size();
+    if (size == 0) {
+        LogMessage(Channels::bootloader(), LogDetail) << "/cmdline.txt is empty";
+        return false;
+    }
+    std::string text(size, '\0');
+    const u64 read = file->read(text.data(), size);
+    if (read != size) {
+        LogMessage(Channels::bootloader(), LogError) << "Failed to read data from /cmdline.txt; only read " << read
+                                                     << " of " << size;
+        return false;
+    }
+    bool modified = false;
+    const std::string rewritten = rewriteCommandLine(text, fsIds, partitionIds, modified);
+    if (!modified)
+        return false;
+    file->seek(0);
+    if (rewritten.size() != size)
+        file->resize(rewritten.size());
+    if (file->write(rewritten.data(), rewritten.size()) != rewritten.size() || !file->flush())
+        LogMessage(Channels::bootloader(), LogError) << "Failed to write modified command line to /cmdline.txt; error: "
+                                                     << Platform::Error::get();
+    return true;
+}
+
+} // namespace
+
+std::string rewriteCommandLine(const std::string& text, const UuidReplaceMap& fsIds,
+                               const UuidReplaceMap& partitionIds, bool& modified)
+{
+    auto options = StringUtil::split(text, " ");
+    for (auto& option : options) {
+        const auto keyValue = splitOption(option);
+        if (!keyValue || keyValue->first != "root")
+            continue; // a flag such as "rootwait", or another option
+
+        LogMessage(Channels::bootloader(), LogDetail) << "Found root option: " << keyValue->second;
+        const auto specifierId = splitOption(keyValue->second);
+        if (!specifierId) {
+            LogMessage(Channels::bootloader(), LogWarning) << "Failed to split root option: " << keyValue->second;
+            continue;
+        }
+        const auto& [specifier, id] = *specifierId;
+        std::string newId = id;
+        if (specifier == "UUID" || specifier == "PARTUUID") {
+            std::string prefix;
+            newId = Tools::replaceVolumeId(id, specifier == "UUID" ? fsIds : partitionIds, prefix);
+        } else {
+            LogMessage(Channels::bootloader(), LogDetail) << "Ignoring unknown root specifier: " << specifier;
+        }
+        option = "root=" + specifier + "=" + newId;
+        modified = true;
+    }
+    return StringUtil::join(options, " ");
+}
+
+StepResult adjustRaspberryPi(Ref<Keeper> keeper)
+{
+    if (!keeper) {
+        LogMessage(Channels::bootloader(), LogError) << "No keeper object";
+        return StepResult::Failed;
+    }
+    UuidReplaceMap fsIds, partitionIds;
+    if (!Tools::buildUuidMap(keeper, KindVolumeIdChange, fsIds, "FS ID: cannot add mapping for ", Channels::bootloader()) ||
+        !Tools::buildUuidMap(keeper, KindPartitionUuidChange, partitionIds, "Part ID: cannot add mapping for ",
+                             Channels::bootloader()))
+        return StepResult::Failed;
+    Tools::mapLinuxMbrPartitionIds(partitionIds);
+    if (fsIds.empty() && partitionIds.empty()) {
+        LogMessage(Channels::bootloader(), LogDetail) << "No FS or partition ID mapping found";
+        return StepResult::NothingFound;
+    }
+    StepResult result = StepResult::NothingFound;
+    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
+         partition = keeper->findNext(KindPartition, partition, 0)) {
+        if (!isFat(Tools::getToFileSystemType(keeper, partition)))
+            continue;
+        const auto fs = Tools::getToFSItemFactory(keeper, partition, 1);
+        if (fs && holdsPiFirmware(*fs) && adjustCommandLine(*fs, fsIds, partitionIds))
+            result = foldResult(result, StepResult::Ok);
+    }
+    return result;
+}
+
+} // namespace Libraries::KRO::PostProcessing::Bootloader

@@ -1,0 +1,158 @@
+#include "postprocessing/tools/uuid_replace_map.h"
+
+#include "platform/core/string_util.h"
+#include "platform/partman/partition.h"
+#include "postprocessing/log_channels.h"
+#include "postprocessing/tools/format_fs_id.h"
+#include "postprocessing/tools/storage_resolution.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+namespace Libraries::KRO::PostProcessing::Tools {
+
+namespace {
+
+std::string lowerCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    return text;
+}
+
+std::string upperCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::toupper(c)); });
+    return text;
+}
+
+// The big-endian text and, for 16-byte ids, the Windows text of an id object.
+std::pair<std::string, std::string> idTexts(const ObjectRef& object)
+{
+    const auto bytes = Platform::refCast<ByteArray>(object);
+    if (!bytes)
+        return {};
+    const auto bigEndian = formatFsID(bytes, UUIDHelper::BigEndian);
+    const auto windows = bytes->size() == 16 ? formatFsID(bytes, UUIDHelper::MixedEndian) : Ref<String>();
+    return {bigEndian ? lowerCase(bigEndian->str()) : std::string(), windows ? lowerCase(windows->str()) : std::string()};
+}
+
+// "1a2b3c4d-01": the signature, and the entry number as the files on such systems spell it.
+std::string linuxMbrForm(u32 signature, u32 entry)
+{
+    return lowerCase(Platform::StrConv::str(signature, 16, 8) + (entry < 10 ? "-0" : "-") +
+                     Platform::StrConv::str(std::uint64_t(entry + 1)));
+}
+
+} // namespace
+
+StepResult addUuidMapId(const Ref<Keeper>& keeper, u64 index, UuidReplaceMap& map)
+{
+    const auto [oldText, oldWindows] = idTexts(keeper->getFromObject(index));
+    const auto [newText, newWindows] = idTexts(keeper->getToObject(index));
+    if (oldText.empty() || newText.empty())
+        return StepResult::NothingFound;
+    constexpr const char* kName = "Libraries::KRO::PostProcessing::Tools::addUuidMapId ";
+    if (map.count(oldText)) {
+        LogMessage(Channels::tools(), LogError) << kName << "Source value already exists: " << oldText;
+        return StepResult::Failed;
+    }
+    map[oldText] = newText;
+    if (!oldWindows.empty() && !newWindows.empty()) {
+        if (oldWindows == oldText) {
+            LogMessage(Channels::tools(), LogError)
+                << kName << "from UUID identical for BigEndian and Windows representation: " << oldText;
+        } else if (map.count(oldWindows)) {
+            LogMessage(Channels::tools(), LogError) << kName << "Source value already exists: " << oldWindows;
+            return StepResult::Failed;
+        } else {
+            map[oldWindows] = newWindows;
+        }
+    }
+    return StepResult::Ok;
+}
+
+void mapLinuxMbrPartitionIds(UuidReplaceMap& map)
+{
+    std::vector<std::string> removed;
+    std::vector<std::pair<std::string, std::string>> added;
+    for (const auto& [key, value] : map) {
+        UUID from, to;
+        if (!UUIDHelper::parse(String::create(key), from) || !UUIDHelper::parse(String::create(value), to))
+            continue;
+        u32 oldSignature = 0, oldEntry = 0, newSignature = 0, newEntry = 0;
+        if (!Platform::Partition::getDiskIDAndEntryFromUUID(from.toBytes(), oldSignature, oldEntry) ||
+            !Platform::Partition::getDiskIDAndEntryFromUUID(to.toBytes(), newSignature, newEntry))
+            continue;
+        const std::string oldForm = linuxMbrForm(oldSignature, oldEntry);
+        const std::string newForm = linuxMbrForm(newSignature, newEntry);
+        LogMessage(Channels::tools(), LogDetail) << "Mapping Linux MBR Partition ID " << oldForm << " to " << newForm;
+        removed.push_back(key);
+        added.emplace_back(oldForm, newForm);
+    }
+    for (const auto& key : removed)
+        map.erase(key);
+    for (const auto& [oldForm, newForm] : added)
+        map[oldForm] = newForm;
+}
+
+HexCase classifyHexCase(const std::string& text)
+{
+    bool upper = false, lower = false;
+    for (char c : text) {
+        upper |= c >= 'A' && c <= 'F';
+        lower |= c >= 'a' && c <= 'f';
+    }
+    return upper && lower ? HexCase::Mixed : lower ? HexCase::Lower : upper ? HexCase::Upper : HexCase::None;
+}
+
+std::string replaceVolumeId(const std::string& entry, const UuidReplaceMap& map, std::string& prefix)
+{
+    if (map.empty())
+        return entry;
+    if (prefix.empty()) {
+        const auto equals = entry.rfind('=');
+        if (equals != std::string::npos)
+            prefix = entry.substr(0, equals + 1);
+        else
+            LogMessage(Channels::tools(), LogDetail) << "empty prefix found in " << entry;
+    }
+    if (prefix.size() >= entry.size()) {
+        LogMessage(Channels::tools(), LogDetail) << "Prefix " << prefix << " too long for entry " << entry;
+        return entry;
+    }
+    const std::string id = entry.substr(prefix.size());
+    LogMessage(Channels::tools(), LogDetail) << "Searching for volume id '" << id << "'";
+    const auto found = map.find(lowerCase(id));
+    if (found == map.end()) {
+        LogMessage(Channels::tools(), LogDetail) << "uuid not found in replacemap";
+        return entry;
+    }
+    switch (classifyHexCase(id)) {
+    case HexCase::Upper:
+        return prefix + upperCase(found->second);
+    case HexCase::Lower:
+        return prefix + lowerCase(found->second);
+    case HexCase::Mixed:
+        LogMessage(Channels::tools(), LogDetail) << "Mixed case uuid";
+        return prefix + found->second;
+    case HexCase::None:
+        break;
+    }
+    return prefix + found->second;
+}
+
+bool buildUuidMap(const Ref<Keeper>& keeper, u64 kind, UuidReplaceMap& map, const char* failureText,
+                  Platform::LogChannel channel)
+{
+    for (u64 entry = keeper->findNext(kind, 0, 0); entry != 0; entry = keeper->findNext(kind, entry, 0)) {
+        const StepResult result = addUuidMapId(keeper, entry, map);
+        if (result != StepResult::NothingFound && result != StepResult::Ok) {
+            LogMessage(channel, LogError) << failureText << entryLogName(*keeper, entry) << " : " << u32(result);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace Libraries::KRO::PostProcessing::Tools

@@ -1,0 +1,40 @@
+#pragma once
+// Old-to-new id texts for rewriting text files that name file systems and partitions by id, in
+// every spelling Linux and Windows-side tools use.
+
+#include "platform/log/log.h"
+#include "postprocessing/keeper.h"
+
+#include <map>
+#include <string>
+
+namespace Libraries::KRO::PostProcessing {
+
+// Lower-case old id text to new id text, ordered by the old text.
+using UuidReplaceMap = std::map<std::string, std::string>;
+
+namespace Tools {
+
+enum class HexCase { None = 0, Upper = 1, Lower = 2, Mixed = 3 };
+
+// Adds the id change of a kind-13 or kind-9 entry: big-endian text, and for 16-byte ids the
+// Windows text too. Nothing found (no usable ids), Ok, or FAILED when an old text is taken.
+StepResult addUuidMapId(const Ref<Keeper>& keeper, u64 index, UuidReplaceMap& map);
+
+// Rewrites pairs of MBR-derived partition ids into the Linux form "1a2b3c4d-01".
+void mapLinuxMbrPartitionIds(UuidReplaceMap& map);
+
+// The entry with its id (after prefix, or after its last "=" when prefix is empty; the prefix
+// found is handed back) replaced from the map, in the letter case the entry uses. Unchanged when
+// the id is not in the map.
+std::string replaceVolumeId(const std::string& entry, const UuidReplaceMap& map, std::string& prefix);
+
+HexCase classifyHexCase(const std::string& text);
+
+// Fills map from every keeper entry of kind (13 or 9); false when one of them fails, after the
+// log line that names it.
+bool buildUuidMap(const Ref<Keeper>& keeper, u64 kind, UuidReplaceMap& map, const char* failureText,
+                  Platform::LogChannel channel);
+
+} // namespace Tools
+} // namespace Libraries::KRO::PostProcessing
