@@ -4,6 +4,7 @@
 #include "platform/core/string_util.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 namespace Cli {
 
@@ -40,6 +41,34 @@ std::optional<std::string> collectSwitches(const CLI::App& app, const CLI::Optio
     return std::nullopt;
 }
 
+std::optional<DiskIdNames> parseDiskIdNames(const std::string& text)
+{
+    const auto parts = Platform::StringUtil::split(text, ",");
+    if (parts.size() != 4 || std::any_of(parts.begin(), parts.end(), [](const auto& p) { return p.empty(); }))
+        return std::nullopt;
+    return DiskIdNames{parts[0], parts[1], parts[2], parts[3]};
+}
+
+// "PART=DIR" for the first target, or "T:PART=DIR" for the T-th.
+std::optional<MountedPartition> parseMounted(const std::string& text)
+{
+    const auto equals = text.find('=');
+    if (equals == std::string::npos || equals + 1 == text.size())
+        return std::nullopt;
+    std::string head = text.substr(0, equals);
+    MountedPartition mounted{0, 0, text.substr(equals + 1)};
+    if (const auto colon = head.find(':'); colon != std::string::npos) {
+        std::size_t target = 0;
+        if (!Platform::StrConv::num(head.substr(0, colon), target) || target == 0)
+            return std::nullopt;
+        mounted.target = target - 1;
+        head = head.substr(colon + 1);
+    }
+    if (!Platform::StrConv::num(head, mounted.partition) || mounted.partition == 0)
+        return std::nullopt;
+    return mounted;
+}
+
 } // namespace
 
 ParseResult parseCommandLine(int argc, char** argv)
@@ -49,6 +78,7 @@ ParseResult parseCommandLine(int argc, char** argv)
     Options options;
     std::vector<std::string> enabled, disabled;
     std::string geometry;
+    std::vector<std::string> diskIdNames, mounted;
 
     app.add_option("TARGET", options.targets, "Disk image file or block device to post-process");
     app.add_option("--source", options.sources, "Source disk of the n-th TARGET (repeatable)")->allow_extra_args(false);
@@ -58,6 +88,12 @@ ParseResult parseCommandLine(int argc, char** argv)
     auto* disable = app.add_option("--disable", disabled, "Switch a step off (repeatable)")->allow_extra_args(false);
     app.add_option("--computer-name", options.computerName, "New Windows computer name");
     app.add_option("--geometry", geometry, "Target disk geometry as C,H,S");
+    app.add_option(
+           "--disk-id-names", diskIdNames,
+           "OLD_MODEL,OLD_SERIAL,NEW_MODEL,NEW_SERIAL of the n-th TARGET, for /dev/disk/by-id names (repeatable)")
+        ->allow_extra_args(false);
+    app.add_option("--mounted", mounted, "[T:]PART=DIR: partition PART of TARGET T (default 1) is mounted at DIR")
+        ->allow_extra_args(false);
     app.add_flag("--json", options.json, "Print the report as one JSON object");
     app.add_option("--log-level", options.logLevel, "Lowest log level printed to stderr (1 detail .. 4 errors)")
         ->check(CLI::Range(1, 5));
@@ -76,12 +112,30 @@ ParseResult parseCommandLine(int argc, char** argv)
         return {std::nullopt, kUsageError, *error};
     if (!geometry.empty() && !(options.geometry = parseGeometry(geometry)))
         return {std::nullopt, kUsageError, "--geometry wants C,H,S as three numbers, got '" + geometry + "'"};
+    for (const auto& text : diskIdNames) {
+        const auto names = parseDiskIdNames(text);
+        if (!names)
+            return {std::nullopt, kUsageError, "--disk-id-names wants four non-empty names, got '" + text + "'"};
+        options.diskIdNames.push_back(*names);
+    }
+    for (const auto& text : mounted) {
+        const auto entry = parseMounted(text);
+        if (!entry)
+            return {std::nullopt, kUsageError, "--mounted wants [T:]PART=DIR, got '" + text + "'"};
+        options.mounted.push_back(*entry);
+    }
     if (options.listSteps)
         return {std::move(options), 0, {}};
     if (options.targets.empty())
         return {std::nullopt, kUsageError, "no TARGET given (postclone --help shows the usage)"};
     if (options.sources.size() > options.targets.size())
         return {std::nullopt, kUsageError, "more --source paths than TARGETs"};
+    if (options.diskIdNames.size() > options.targets.size())
+        return {std::nullopt, kUsageError, "more --disk-id-names than TARGETs"};
+    for (const auto& entry : options.mounted)
+        if (entry.target >= options.targets.size())
+            return {std::nullopt, kUsageError,
+                    "--mounted names TARGET " + std::to_string(entry.target + 1) + ", which is not given"};
     return {std::move(options), 0, {}};
 }
 

@@ -19,6 +19,18 @@ struct StepSwitch {
     bool on;
 };
 
+// Linux by-id names of one target disk: the model and serial it was copied from and those it has.
+struct DiskIdNames {
+    std::string oldModel, oldSerial, newModel, newSerial;
+};
+
+// A partition of a target that is already mounted: its files are edited in that folder.
+struct MountedPartition {
+    std::size_t target; // 0-based
+    unsigned partition; // as Linux numbers it
+    std::string folder;
+};
+
 struct Options {
     std::vector<std::string> targets;
     std::vector<std::string> sources; // the n-th pairs with the n-th target
@@ -26,6 +38,8 @@ struct Options {
     std::vector<StepSwitch> switches; // --enable/--disable in command-line order, after the preset
     std::optional<std::string> computerName;
     std::optional<Geometry> geometry;
+    std::vector<DiskIdNames> diskIdNames; // the n-th for the n-th target
+    std::vector<MountedPartition> mounted;
     bool json = false;
     int logLevel = 2;
     bool listSteps = false;

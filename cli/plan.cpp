@@ -48,9 +48,25 @@ PP::Variant uuidValue(const Platform::Guid& uuid)
 // The partition side of one disk: per partition of the target's table (in table order) an entry
 // (kind 1), its storages as windows over the images (kind 8), its start sectors (kind 2) and its
 // sector sizes (kind 3). Source values come from the source partition at the same position.
-void describePartitions(PP::Keeper& keeper, PP::u64 disk, const Ref<Interfaces::Storage>& target,
-                        const Ref<Interfaces::Storage>& source)
+// A one-name list, as the by-id name operations take them.
+PP::Variant nameList(const std::string& text)
 {
+    return PP::Variant::list({{"", PP::Variant::string(text)}});
+}
+
+// The folder a partition is mounted at, or empty.
+std::string mountedFolder(const Options& options, std::size_t target, unsigned partition)
+{
+    for (const auto& entry : options.mounted)
+        if (entry.target == target && entry.partition == partition)
+            return entry.folder;
+    return {};
+}
+
+void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Ref<Interfaces::Storage>& target,
+                        const Ref<Interfaces::Storage>& source, const Options& options, std::size_t targetIndex)
+{
+    PP::Keeper& keeper = *keeperRef;
     const auto targetTable = PartitionManager::create(target, 512);
     if (!targetTable)
         return;
@@ -61,7 +77,17 @@ void describePartitions(PP::Keeper& keeper, PP::u64 disk, const Ref<Interfaces::
         PP::VariantList from;
         if (sourcePartition)
             from.push_back(uuidValue(sourcePartition->uuid()));
-        const PP::u64 entry = keeper.addEntry(PP::KindPartition, from, {uuidValue(partition->uuid())}, disk, 0);
+        // A mounted partition's target names its folder, where its files are edited.
+        const std::string folder = mountedFolder(options, targetIndex, partition->entryIndex() + 1);
+        const PP::u64 entry =
+            keeper.addEntry(PP::KindPartition, from,
+                            {folder.empty() ? uuidValue(partition->uuid()) : PP::Variant::string(folder)}, disk, 0);
+        if (targetIndex < options.diskIdNames.size()) {
+            const auto& names = options.diskIdNames[targetIndex];
+            const PP::u64 number = partition->entryIndex();
+            PP::PPHandler::addLinuxPartIdString(keeperRef, entry, nameList(names.oldModel), nameList(names.oldSerial),
+                                                number, nameList(names.newModel), nameList(names.newSerial), number);
+        }
 
         const auto targetWindow = Platform::WindowStorage::create(target, partition->start(), partition->size());
         const auto sourceWindow =
@@ -111,7 +137,12 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options)
         if (!target)
             return {};
         keeper->addObjectEntry(PP::KindDiskStorage, source, target, disk, 0);
-        describePartitions(*keeper, disk, target, source);
+        describePartitions(keeper, disk, target, source, options, i);
+        if (i < options.diskIdNames.size()) {
+            const auto& names = options.diskIdNames[i];
+            PP::PPHandler::addLinuxDiskIdString(keeper, disk, nameList(names.oldModel), nameList(names.oldSerial),
+                                                nameList(names.newModel), nameList(names.newSerial));
+        }
         if (options.geometry) {
             const auto& g = *options.geometry;
             keeper->addEntry(PP::KindDiskGeometry, {}, {PP::PPHandler::encodeCHS(g.cylinders, g.heads, g.sectors)},

@@ -67,6 +67,9 @@ bool LineWriter::write(const TextLine& line)
     return buffer_.size() < kChunk || drain();
 }
 
-bool LineWriter::finish() { return drain() && file_->resize(written_) == written_ && file_->flush(); }
+bool LineWriter::finish()
+{
+    return drain() && file_->resize(written_) == written_ && file_->flush();
+}
 
 } // namespace Platform

@@ -40,11 +40,11 @@ LinuxIdMap linuxIdMap(const Ref<Keeper>& keeper)
         const std::string from = variantText(keeper->getFrom(entry));
         const std::string to = variantText(keeper->getTo(entry));
         if (from.empty()) {
-            LogMessage(Channels::bootloader(), LogWarning) << "Invalid from Linux id for "
-                                                           << Tools::entryLogName(*keeper, entry);
+            LogMessage(Channels::bootloader(), LogWarning)
+                << "Invalid from Linux id for " << Tools::entryLogName(*keeper, entry);
         } else if (to.empty()) {
-            LogMessage(Channels::bootloader(), LogWarning) << "Invalid to Linux is for "
-                                                           << Tools::entryLogName(*keeper, entry);
+            LogMessage(Channels::bootloader(), LogWarning)
+                << "Invalid to Linux is for " << Tools::entryLogName(*keeper, entry);
         } else {
             map[from] = to;
         }
@@ -73,12 +73,12 @@ std::string rewriteDefinition(const std::string& option, const std::string& defi
             return definition;
         const std::string replaced = "/dev/disk/by-id/" + found->second;
         LogMessage(Channels::bootloader(), LogDetail) << "found id " << id << " in " << option;
-        LogMessage(Channels::bootloader(), LogDetail) << "replacing drive definition " << definition << " with "
-                                                      << replaced;
+        LogMessage(Channels::bootloader(), LogDetail)
+            << "replacing drive definition " << definition << " with " << replaced;
         return replaced;
     }
-    LogMessage(Channels::bootloader(), LogWarning) << "Unsupported drive definition " << definition << " in line "
-                                                   << line;
+    LogMessage(Channels::bootloader(), LogWarning)
+        << "Unsupported drive definition " << definition << " in line " << line;
     return definition;
 }
 
@@ -103,8 +103,8 @@ std::string kernelLine(const std::string& line, const Maps& maps)
         return line;
     }
     const std::string rebuilt = StringUtil::join(options, " ");
-    LogMessage(Channels::bootloader(), LogDetail) << replaced << " entries replaced from kernel line " << line
-                                                  << " to line " << rebuilt;
+    LogMessage(Channels::bootloader(), LogDetail)
+        << replaced << " entries replaced from kernel line " << line << " to line " << rebuilt;
     return rebuilt;
 }
 
@@ -129,7 +129,8 @@ std::string rewriteLine(const std::string& trimmed, ConfigKind kind, const Maps&
         LogMessage(Channels::bootloader(), LogDetail) << "Found grub2 search.fs_uuid command: " << trimmed;
         return rewriteSearchLine(trimmed, true, maps.fsIds);
     }
-    if (StringUtil::startsWith(trimmed, "search") && (containsWord(trimmed, "--fs-uuid") || containsWord(trimmed, "-u"))) {
+    if (StringUtil::startsWith(trimmed, "search") &&
+        (containsWord(trimmed, "--fs-uuid") || containsWord(trimmed, "-u"))) {
         LogMessage(Channels::bootloader(), LogDetail) << "Found grub2 search uuid command: " << trimmed;
         return rewriteSearchLine(trimmed, false, maps.fsIds);
     }

@@ -23,7 +23,10 @@ std::optional<std::pair<std::string, std::string>> splitOption(const std::string
     return std::pair{option.substr(0, equals), option.substr(equals + 1)};
 }
 
-bool isFat(u32 type) { return type == Platform::FsFat12 || type == Platform::FsFat16 || type == Platform::FsFat32; }
+bool isFat(u32 type)
+{
+    return type == Platform::FsFat12 || type == Platform::FsFat16 || type == Platform::FsFat32;
+}
 
 // Both firmware files must be there; a missing one is normal and silent.
 bool holdsPiFirmware(Platform::Filesys& fs)
@@ -35,8 +38,8 @@ bool holdsPiFirmware(Platform::Filesys& fs)
             continue;
         both = false;
         if (Platform::Error::get() != Platform::Error::PathNotFound)
-            LogMessage(Channels::bootloader(), LogError) << "Failed to open " << name << "; error: "
-                                                         << Platform::Error::get();
+            LogMessage(Channels::bootloader(), LogError)
+                << "Failed to open " << name << "; error: " << Platform::Error::get();
     }
     return both;
 }
@@ -48,8 +51,8 @@ bool adjustCommandLine(Platform::Filesys& fs, const UuidReplaceMap& fsIds, const
     const auto file = fs.openFile("/cmdline.txt", Platform::OpenFlags::ReadWriteExisting);
     if (!file) {
         if (Platform::Error::get() != Platform::Error::PathNotFound)
-            LogMessage(Channels::bootloader(), LogError) << "Failed to open /cmdline.txt; error: "
-                                                         << Platform::Error::get();
+            LogMessage(Channels::bootloader(), LogError)
+                << "Failed to open /cmdline.txt; error: " << Platform::Error::get();
         return false;
     }
     const u64 size = file->size();
@@ -60,8 +63,8 @@ bool adjustCommandLine(Platform::Filesys& fs, const UuidReplaceMap& fsIds, const
     std::string text(size, '\0');
     const u64 read = file->read(text.data(), size);
     if (read != size) {
-        LogMessage(Channels::bootloader(), LogError) << "Failed to read data from /cmdline.txt; only read " << read
-                                                     << " of " << size;
+        LogMessage(Channels::bootloader(), LogError)
+            << "Failed to read data from /cmdline.txt; only read " << read << " of " << size;
         return false;
     }
     bool modified = false;
@@ -72,15 +75,15 @@ bool adjustCommandLine(Platform::Filesys& fs, const UuidReplaceMap& fsIds, const
     if (rewritten.size() != size)
         file->resize(rewritten.size());
     if (file->write(rewritten.data(), rewritten.size()) != rewritten.size() || !file->flush())
-        LogMessage(Channels::bootloader(), LogError) << "Failed to write modified command line to /cmdline.txt; error: "
-                                                     << Platform::Error::get();
+        LogMessage(Channels::bootloader(), LogError)
+            << "Failed to write modified command line to /cmdline.txt; error: " << Platform::Error::get();
     return true;
 }
 
 } // namespace
 
-std::string rewriteCommandLine(const std::string& text, const UuidReplaceMap& fsIds,
-                               const UuidReplaceMap& partitionIds, bool& modified)
+std::string rewriteCommandLine(const std::string& text, const UuidReplaceMap& fsIds, const UuidReplaceMap& partitionIds,
+                               bool& modified)
 {
     auto options = StringUtil::split(text, " ");
     for (auto& option : options) {
@@ -89,21 +92,17 @@ std::string rewriteCommandLine(const std::string& text, const UuidReplaceMap& fs
             continue; // a flag such as "rootwait", or another option
 
         LogMessage(Channels::bootloader(), LogDetail) << "Found root option: " << keyValue->second;
+        modified = true; // written back even where the id stays as it is
         const auto specifierId = splitOption(keyValue->second);
-        if (!specifierId) {
-            LogMessage(Channels::bootloader(), LogWarning) << "Failed to split root option: " << keyValue->second;
+        const std::string specifier = specifierId ? specifierId->first : keyValue->second;
+        if (!specifierId || (specifier != "UUID" && specifier != "PARTUUID")) {
+            LogMessage(Channels::bootloader(), LogDetail) << "Ignoring unknown root specifier: " << specifier;
             continue;
         }
-        const auto& [specifier, id] = *specifierId;
-        std::string newId = id;
-        if (specifier == "UUID" || specifier == "PARTUUID") {
-            std::string prefix;
-            newId = Tools::replaceVolumeId(id, specifier == "UUID" ? fsIds : partitionIds, prefix);
-        } else {
-            LogMessage(Channels::bootloader(), LogDetail) << "Ignoring unknown root specifier: " << specifier;
-        }
+        std::string prefix;
+        const std::string newId =
+            Tools::replaceVolumeId(specifierId->second, specifier == "UUID" ? fsIds : partitionIds, prefix);
         option = "root=" + specifier + "=" + newId;
-        modified = true;
     }
     return StringUtil::join(options, " ");
 }
@@ -115,7 +114,8 @@ StepResult adjustRaspberryPi(Ref<Keeper> keeper)
         return StepResult::Failed;
     }
     UuidReplaceMap fsIds, partitionIds;
-    if (!Tools::buildUuidMap(keeper, KindVolumeIdChange, fsIds, "FS ID: cannot add mapping for ", Channels::bootloader()) ||
+    if (!Tools::buildUuidMap(keeper, KindVolumeIdChange, fsIds, "FS ID: cannot add mapping for ",
+                             Channels::bootloader()) ||
         !Tools::buildUuidMap(keeper, KindPartitionUuidChange, partitionIds, "Part ID: cannot add mapping for ",
                              Channels::bootloader()))
         return StepResult::Failed;

@@ -10,7 +10,7 @@ namespace Libraries::KRO::PostProcessing::Bootloader {
 StepResult adjustRaspberryPi(Ref<Keeper> keeper);
 
 // The command line with its root option rewritten; modified tells whether a root option was met.
-std::string rewriteCommandLine(const std::string& text, const UuidReplaceMap& fsIds,
-                               const UuidReplaceMap& partitionIds, bool& modified);
+std::string rewriteCommandLine(const std::string& text, const UuidReplaceMap& fsIds, const UuidReplaceMap& partitionIds,
+                               bool& modified);
 
 } // namespace Libraries::KRO::PostProcessing::Bootloader

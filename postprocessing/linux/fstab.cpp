@@ -99,8 +99,8 @@ std::string replaceFstabLine(const std::string& line, const UuidReplaceMap& map,
     return prefix + StringUtil::replace(replaced, " ", "\\040") + rest;
 }
 
-StepResult adjustFstabLines(Platform::LineReader& reader, Platform::LineWriter& writer,
-                            const UuidReplaceMap& fsIds, const UuidReplaceMap& partitionIds)
+StepResult adjustFstabLines(Platform::LineReader& reader, Platform::LineWriter& writer, const UuidReplaceMap& fsIds,
+                            const UuidReplaceMap& partitionIds)
 {
     StepResult result = StepResult::NothingFound;
     while (auto line = reader.next()) {
@@ -131,9 +131,10 @@ StepResult adjustFstab(Ref<Keeper> keeper)
         return StepResult::Failed;
     }
     UuidReplaceMap fsIds, partitionIds;
-    if (!Tools::buildUuidMap(keeper, KindVolumeIdChange, fsIds,
-                             "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid fs ids, cannot add mapping for ",
-                             Channels::linuxSys()) ||
+    if (!Tools::buildUuidMap(
+            keeper, KindVolumeIdChange, fsIds,
+            "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid fs ids, cannot add mapping for ",
+            Channels::linuxSys()) ||
         !Tools::buildUuidMap(
             keeper, KindPartitionUuidChange, partitionIds,
             "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid partition ids, cannot add mapping for ",

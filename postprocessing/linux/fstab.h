@@ -12,8 +12,8 @@ StepResult adjustFstab(Ref<Keeper> keeper);
 
 // One mount table into a temporary file: Ok when a line changed, Nothing found, or FAILED when a
 // line could not be written.
-StepResult adjustFstabLines(Platform::LineReader& reader, Platform::LineWriter& writer,
-                            const UuidReplaceMap& fsIds, const UuidReplaceMap& partitionIds);
+StepResult adjustFstabLines(Platform::LineReader& reader, Platform::LineWriter& writer, const UuidReplaceMap& fsIds,
+                            const UuidReplaceMap& partitionIds);
 
 // The line with the id of its device field (after prefix) replaced from map.
 std::string replaceFstabLine(const std::string& line, const UuidReplaceMap& map, std::string& prefix);

@@ -34,7 +34,8 @@ std::pair<std::string, std::string> idTexts(const ObjectRef& object)
         return {};
     const auto bigEndian = formatFsID(bytes, UUIDHelper::BigEndian);
     const auto windows = bytes->size() == 16 ? formatFsID(bytes, UUIDHelper::MixedEndian) : Ref<String>();
-    return {bigEndian ? lowerCase(bigEndian->str()) : std::string(), windows ? lowerCase(windows->str()) : std::string()};
+    return {bigEndian ? lowerCase(bigEndian->str()) : std::string(),
+            windows ? lowerCase(windows->str()) : std::string()};
 }
 
 // "1a2b3c4d-01": the signature, and the entry number as the files on such systems spell it.
