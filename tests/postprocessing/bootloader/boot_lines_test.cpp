@@ -50,7 +50,8 @@ TEST(PiCommandLine, OnlyTheRootOptionChanges)
     EXPECT_TRUE(modified); // written back, unchanged in content
     EXPECT_TRUE(log.sink().contains("PP Bootloader", 1, "Ignoring unknown root specifier: /dev/mmcblk0p2"));
     modified = false;
-    EXPECT_EQ(rewriteCommandLine("root=LABEL=rootfs quiet", kFsIds, kPartitionIds, modified), "root=LABEL=rootfs quiet");
+    EXPECT_EQ(rewriteCommandLine("root=LABEL=rootfs quiet", kFsIds, kPartitionIds, modified),
+              "root=LABEL=rootfs quiet");
     EXPECT_TRUE(modified);
     EXPECT_TRUE(log.sink().contains("PP Bootloader", 1, "Ignoring unknown root specifier: LABEL"));
 

@@ -24,7 +24,8 @@ TEST(Fstab, DeviceFieldsAreRewrittenAndTheRestKept)
     Platform::ScopedLogCapture log;
     EXPECT_EQ(line("UUID=0a1b-2c3d / ext4 defaults 0 1", kFsIds, "UUID="), "UUID=4e5f-6071 / ext4 defaults 0 1");
     EXPECT_EQ(line("UUID=0A1B-2C3D  /\text4", kFsIds, "UUID="), "UUID=4E5F-6071  /\text4");
-    EXPECT_EQ(line("/dev/disk/by-uuid/0a1b-2c3d\tswap", kFsIds, "/dev/disk/by-uuid/"), "/dev/disk/by-uuid/4e5f-6071\tswap");
+    EXPECT_EQ(line("/dev/disk/by-uuid/0a1b-2c3d\tswap", kFsIds, "/dev/disk/by-uuid/"),
+              "/dev/disk/by-uuid/4e5f-6071\tswap");
     EXPECT_EQ(line("PARTUUID=1a2b3c4d-01 /boot vfat", kPartitionIds, "PARTUUID="), "PARTUUID=5e6f7a8b-01 /boot vfat");
     EXPECT_EQ(line("UUID=a\\040b /x ext4", kFsIds, "UUID="), "UUID=c\\040d /x ext4");
     EXPECT_EQ(line("UUID=0a1b-2c3d", kFsIds, "UUID="), "UUID=0a1b-2c3d");

@@ -8,7 +8,10 @@
 namespace Libraries::KRO::PostProcessing::Tools {
 namespace {
 
-Ref<ByteArray> bytes(std::vector<u8> values) { return ByteArray::create(values); }
+Ref<ByteArray> bytes(std::vector<u8> values)
+{
+    return ByteArray::create(values);
+}
 
 std::string replaced(const std::string& entry, const UuidReplaceMap& map)
 {
@@ -50,7 +53,8 @@ TEST(UuidReplaceMap, GptIdsArriveInBothSpellingsAndDuplicatesFail)
 {
     Platform::ScopedLogCapture log;
     auto keeper = Keeper::create();
-    const std::vector<u8> oldId{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
+    const std::vector<u8> oldId{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
+                                0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
     const std::vector<u8> newId(16, 0x42);
     const u64 entry = keeper->addObjectEntry(KindPartitionUuidChange, bytes(oldId), bytes(newId), 1, 0);
     UuidReplaceMap map;
@@ -76,9 +80,9 @@ TEST(UuidReplaceMap, MbrPartitionIdsTakeTheLinuxForm)
     for (u32 index : {0u, 9u, 10u}) {
         const auto from = Platform::Partition::getUUIDFromDiskIDAndEntry(0x1A2B3C4D, index);
         const auto to = Platform::Partition::getUUIDFromDiskIDAndEntry(0x5E6F7A8B, index);
-        addUuidMapId(keeper, keeper->addObjectEntry(KindPartitionUuidChange, ByteArray::create(from),
-                                                    ByteArray::create(to), 1, 0),
-                     map);
+        addUuidMapId(
+            keeper,
+            keeper->addObjectEntry(KindPartitionUuidChange, ByteArray::create(from), ByteArray::create(to), 1, 0), map);
     }
     map["not-a-uuid"] = "kept";
     mapLinuxMbrPartitionIds(map);
