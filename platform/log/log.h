@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -106,22 +107,35 @@ private:
 //   LogMessage(channel, LogError) << "Invalid to partidx: " << index;
 class LogMessage {
 public:
-    LogMessage(LogChannel channel, int level) : channel_(channel), level_(level) {}
-    ~LogMessage() { SysLogStream::write(channel_, level_, text_.str()); }
+    // A line the filter would drop is not even formatted.
+    LogMessage(LogChannel channel, int level)
+        : channel_(channel), level_(level), wanted_(level >= SysLogFilter::level() && SysLogFilter::state(channel))
+    {
+    }
+    ~LogMessage()
+    {
+        if (wanted_)
+            SysLogStream::write(channel_, level_, text_ ? text_->str() : std::string());
+    }
     LogMessage(const LogMessage&) = delete;
     LogMessage& operator=(const LogMessage&) = delete;
 
     template <typename T>
     LogMessage& operator<<(const T& value)
     {
-        text_ << value;
+        if (!wanted_)
+            return *this;
+        if (!text_)
+            text_.emplace();
+        *text_ << value;
         return *this;
     }
 
 private:
     LogChannel channel_;
     int level_;
-    std::ostringstream text_;
+    bool wanted_;
+    std::optional<std::ostringstream> text_; // made only for a line that is written
 };
 
 } // namespace Platform
