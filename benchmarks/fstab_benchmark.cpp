@@ -23,7 +23,8 @@ void BM_Fstab_100kLines(benchmark::State& state)
                          : "# a comment line that names nothing " + std::to_string(i) + "\n";
     auto keeper = PP::Keeper::create();
     const PP::u64 disk = keeper->addEntry(PP::KindDisk, {}, {}, 0, 0);
-    const PP::u64 partition = keeper->addEntry(PP::KindPartition, {}, {PP::Variant::string(dir.path().string())}, disk, 0);
+    const PP::u64 partition =
+        keeper->addEntry(PP::KindPartition, {}, {PP::Variant::string(dir.path().string())}, disk, 0);
     const std::vector<PP::u8> a{0x3d, 0x2c, 0x1b, 0x0a}, b{0x71, 0x60, 0x5f, 0x4e};
     keeper->addObjectEntry(PP::KindVolumeIdChange, PP::ByteArray::create(a), PP::ByteArray::create(b), partition, 0);
     Platform::SysLogFilter::setLevel(5);

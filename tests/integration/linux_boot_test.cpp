@@ -52,18 +52,32 @@ protected:
         std::filesystem::create_directories(root + "/etc");
         std::filesystem::create_directories(root + "/boot/grub");
         before["/etc/fstab"] = "# /etc/fstab: static file system information.\n"
-                               "UUID=" + kRootUuid + " / ext4 errors=remount-ro 0 1\n"
+                               "UUID=" +
+                               kRootUuid +
+                               " / ext4 errors=remount-ro 0 1\n"
                                "UUID=1234-ABCD /boot/efi vfat umask=0077 0 1\n"
-                               "PARTUUID=" + rootPart + "\t/mnt/same\text4 defaults 0 2\n"
-                               "/dev/disk/by-uuid/" + lower(kRootUuid) + " /mnt/by-uuid ext4 defaults 0 2\n"
-                               "/dev/disk/by-partuuid/" + lower(bootPart) + " /mnt/by-partuuid vfat defaults 0 2\n"
+                               "PARTUUID=" +
+                               rootPart +
+                               "\t/mnt/same\text4 defaults 0 2\n"
+                               "/dev/disk/by-uuid/" +
+                               lower(kRootUuid) +
+                               " /mnt/by-uuid ext4 defaults 0 2\n"
+                               "/dev/disk/by-partuuid/" +
+                               lower(bootPart) +
+                               " /mnt/by-partuuid vfat defaults 0 2\n"
                                "UUID=0000-1111 /mnt/other\\040disk vfat defaults 0 2\n"
                                "tmpfs /tmp tmpfs defaults 0 0";
         before["/boot/grub/grub.cfg"] = "insmod ext2\n"
-                                        "search --no-floppy --fs-uuid --set=root " + kRootUuid + "\n"
+                                        "search --no-floppy --fs-uuid --set=root " +
+                                        kRootUuid +
+                                        "\n"
                                         "menuentry 'Linux' {\n"
-                                        "\tsearch --no-floppy --fs-uuid --set=root " + kRootUuid + "\n"
-                                        "\tlinux /boot/vmlinuz root=UUID=" + kRootUuid + " ro quiet\n"
+                                        "\tsearch --no-floppy --fs-uuid --set=root " +
+                                        kRootUuid +
+                                        "\n"
+                                        "\tlinux /boot/vmlinuz root=UUID=" +
+                                        kRootUuid +
+                                        " ro quiet\n"
                                         "}\n"
                                         "search --file /boot/grub/marker\n";
         for (const auto& [path, content] : before)
@@ -92,8 +106,10 @@ protected:
 
         runTool({"mkfs.fat", "-F", "32", "-s", "1", "-i", kBootSerial, "--offset", std::to_string(kBootStart), image,
                  "65536"});
-        before["/cmdline.txt"] = "console=serial0,115200 console=tty1 root=PARTUUID=" + rootPart + " rootfstype=ext4 rootwait";
-        before["/EFI/debian/grub.cfg"] = "search.fs_uuid " + kRootUuid + " root hd0,gpt2\nset prefix=($root)'/boot/grub'\n";
+        before["/cmdline.txt"] =
+            "console=serial0,115200 console=tty1 root=PARTUUID=" + rootPart + " rootfstype=ext4 rootwait";
+        before["/EFI/debian/grub.cfg"] =
+            "search.fs_uuid " + kRootUuid + " root hd0,gpt2\nset prefix=($root)'/boot/grub'\n";
         const std::string fat = image + "@@" + std::to_string(kBootStart * 512);
         for (const auto& [path, content] : std::map<std::string, std::string>{
                  {"cmdline.txt", before["/cmdline.txt"]}, {"bootcode.bin", "firmware"}, {"start.elf", "firmware"}}) {
@@ -181,12 +197,20 @@ TEST_F(LinuxBoot, MountedRootIsEditedInItsFolder)
     makeDisk(true);
     const std::string mounted = dir.file("mounted");
     writeTree(mounted, kBootGuid, kRootGuid);
+    std::ofstream(mounted + "/boot/grub/grub.cfg", std::ios::app)
+        << "linux /boot/vmlinuz root=/dev/disk/by-id/HD_Model_500_W123-part2 ro\n";
     // The folder holds the root file system's files; the ids still come from the image.
-    const auto result = run({POSTCLONE_BINARY, "--preset", "1", "--mounted", "2=" + mounted, image});
+    const auto result = run({POSTCLONE_BINARY, "--preset", "1", "--mounted", "2=" + mounted, "--disk-id-names",
+                             "HD Model 500,W123,SSD Model 860,S4X", image});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     std::ifstream in(mounted + "/etc/fstab", std::ios::binary);
     const std::string after{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     expectRewritten("/etc/fstab", after, newIds(true));
+    std::ifstream grub(mounted + "/boot/grub/grub.cfg", std::ios::binary);
+    const std::string grubAfter{std::istreambuf_iterator<char>(grub), std::istreambuf_iterator<char>()};
+    EXPECT_NE(grubAfter.find("linux /boot/vmlinuz root=/dev/disk/by-id/SSD_Model_860_S4X-part2 ro\n"),
+              std::string::npos)
+        << grubAfter;
     // The root file system inside the image was not the one edited.
     const std::string rootFs = image + "?offset=" + std::to_string(kRootStart * 512);
     EXPECT_EQ(runTool({"debugfs", "-R", "cat /etc/fstab", rootFs}), before["/etc/fstab"]);
