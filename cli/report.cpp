@@ -20,13 +20,6 @@ using Platform::StrConv;
 
 namespace {
 
-std::string lowerCase(std::string text)
-{
-    for (char& c : text)
-        c = char(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
 // Disk signatures and MBR partition ids as Linux shows them (PTUUID 1a2b3c4d, PARTUUID
 // 1a2b3c4d-01), GPT GUIDs mixed-endian, file-system UUIDs (byte strings on disk) big-endian, FAT
 // and NTFS serials as their tools show them.
@@ -36,13 +29,13 @@ std::string idText(PP::u64 kind, const PP::ObjectRef& object)
     if (!bytes)
         return {};
     if (kind == PP::KindDiskIdChange && bytes->size() == 4)
-        return lowerCase(StrConv::str(Platform::ByteView(bytes->bytes()).u32(0), 16, 8));
+        return Platform::StringUtil::lower(StrConv::str(Platform::ByteView(bytes->bytes()).u32(0), 16, 8));
     if (kind == PP::KindPartitionUuidChange && bytes->size() == 16) {
         Platform::Guid uuid{};
         std::copy(bytes->bytes().begin(), bytes->bytes().end(), uuid.begin());
         std::uint32_t signature = 0, entry = 0;
         if (Platform::Partition::getDiskIDAndEntryFromUUID(uuid, signature, entry))
-            return lowerCase(StrConv::str(signature, 16, 8)) + "-" + StrConv::str(entry + 1, 10, 2);
+            return Platform::StringUtil::lower(StrConv::str(signature, 16, 8)) + "-" + StrConv::str(entry + 1, 10, 2);
     }
     if (bytes->size() == 4 || bytes->size() == 8 || bytes->size() == 16) {
         const auto format = kind == PP::KindVolumeIdChange ? PP::UUIDHelper::BigEndian : PP::UUIDHelper::MixedEndian;

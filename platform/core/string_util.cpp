@@ -45,6 +45,24 @@ std::string_view StringUtil::ltrim(std::string_view text) noexcept
     return first == std::string_view::npos ? std::string_view{} : text.substr(first);
 }
 
+std::string StringUtil::lower(std::string_view text)
+{
+    std::string result(text);
+    for (char& c : result)
+        if (c >= 'A' && c <= 'Z')
+            c = char(c - 'A' + 'a');
+    return result;
+}
+
+std::string StringUtil::upper(std::string_view text)
+{
+    std::string result(text);
+    for (char& c : result)
+        if (c >= 'a' && c <= 'z')
+            c = char(c - 'a' + 'A');
+    return result;
+}
+
 std::string StringUtil::replace(std::string_view text, char from, char to)
 {
     std::string result(text);

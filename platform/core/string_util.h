@@ -18,6 +18,9 @@ public:
     static bool endsWith(std::string_view text, std::string_view suffix) noexcept;
     // Removes leading blanks and tabs.
     static std::string_view ltrim(std::string_view text) noexcept;
+    // ASCII letter case; ids are hex text.
+    static std::string lower(std::string_view text);
+    static std::string upper(std::string_view text);
     // Replaces every occurrence.
     static std::string replace(std::string_view text, char from, char to);
     static std::string replace(std::string_view text, std::string_view from, std::string_view to);

@@ -42,12 +42,6 @@ void damaged()
     Error::set(EUCLEAN);
 }
 
-std::string lower(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-    return text;
-}
-
 std::uint8_t shortNameChecksum(const std::uint8_t* name)
 {
     std::uint8_t sum = 0;
@@ -569,8 +563,9 @@ std::optional<FatFilesys::Node> FatFilesys::lookup(const std::string& path)
         const auto children = volume_->list(node);
         if (!children)
             return std::nullopt;
-        const auto found = std::find_if(children->begin(), children->end(),
-                                        [&](const Node& child) { return lower(child.name) == lower(part); });
+        const auto found = std::find_if(children->begin(), children->end(), [&](const Node& child) {
+            return StringUtil::lower(child.name) == StringUtil::lower(part);
+        });
         if (found == children->end()) {
             Error::set(Error::PathNotFound);
             return std::nullopt;
@@ -619,7 +614,9 @@ std::array<std::uint8_t, 11> shortNameFor(const std::string& name, const std::se
         std::copy_n(cleanExt.begin(), cleanExt.size(), raw.begin() + 8);
         return raw;
     };
-    const auto text = [](const std::array<std::uint8_t, 11>& raw) { return lower(shortNameText(raw.data())); };
+    const auto text = [](const std::array<std::uint8_t, 11>& raw) {
+        return StringUtil::lower(shortNameText(raw.data()));
+    };
     if (fits && !taken.count(text(compose(cleanBase))))
         return compose(cleanBase);
     needsLongName = true;
@@ -647,12 +644,12 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
         return std::nullopt;
     std::set<std::string> taken;
     for (const auto& child : *children) {
-        if (lower(child.name) == lower(name)) {
+        if (StringUtil::lower(child.name) == StringUtil::lower(name)) {
             Error::set(EEXIST);
             return std::nullopt;
         }
         const auto raw = readBytes(*volume_->storage, child.entryOffset, 11);
-        taken.insert(lower(shortNameText(raw.data())));
+        taken.insert(StringUtil::lower(shortNameText(raw.data())));
     }
     bool needsLongName = false;
     const auto shortName = shortNameFor(name, taken, needsLongName);

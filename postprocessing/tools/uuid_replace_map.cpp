@@ -14,18 +14,6 @@ namespace Libraries::KRO::PostProcessing::Tools {
 
 namespace {
 
-std::string lowerCase(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-    return text;
-}
-
-std::string upperCase(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::toupper(c)); });
-    return text;
-}
-
 // The big-endian text and, for 16-byte ids, the Windows text of an id object.
 std::pair<std::string, std::string> idTexts(const ObjectRef& object)
 {
@@ -34,15 +22,15 @@ std::pair<std::string, std::string> idTexts(const ObjectRef& object)
         return {};
     const auto bigEndian = formatFsID(bytes, UUIDHelper::BigEndian);
     const auto windows = bytes->size() == 16 ? formatFsID(bytes, UUIDHelper::MixedEndian) : Ref<String>();
-    return {bigEndian ? lowerCase(bigEndian->str()) : std::string(),
-            windows ? lowerCase(windows->str()) : std::string()};
+    return {bigEndian ? Platform::StringUtil::lower(bigEndian->str()) : std::string(),
+            windows ? Platform::StringUtil::lower(windows->str()) : std::string()};
 }
 
 // "1a2b3c4d-01": the signature, and the entry number as the files on such systems spell it.
 std::string linuxMbrForm(u32 signature, u32 entry)
 {
-    return lowerCase(Platform::StrConv::str(signature, 16, 8) + (entry < 10 ? "-0" : "-") +
-                     Platform::StrConv::str(std::uint64_t(entry + 1)));
+    return Platform::StringUtil::lower(Platform::StrConv::str(signature, 16, 8) + (entry < 10 ? "-0" : "-") +
+                                       Platform::StrConv::str(std::uint64_t(entry + 1)));
 }
 
 } // namespace
@@ -124,16 +112,16 @@ std::string replaceVolumeId(const std::string& entry, const UuidReplaceMap& map,
     }
     const std::string id = entry.substr(prefix.size());
     LogMessage(Channels::tools(), LogDetail) << "Searching for volume id '" << id << "'";
-    const auto found = map.find(lowerCase(id));
+    const auto found = map.find(Platform::StringUtil::lower(id));
     if (found == map.end()) {
         LogMessage(Channels::tools(), LogDetail) << "uuid not found in replacemap";
         return entry;
     }
     switch (classifyHexCase(id)) {
     case HexCase::Upper:
-        return prefix + upperCase(found->second);
+        return prefix + Platform::StringUtil::upper(found->second);
     case HexCase::Lower:
-        return prefix + lowerCase(found->second);
+        return prefix + Platform::StringUtil::lower(found->second);
     case HexCase::Mixed:
         LogMessage(Channels::tools(), LogDetail) << "Mixed case uuid";
         return prefix + found->second;
