@@ -61,6 +61,67 @@ std::string shortNameText(const std::uint8_t* raw)
     return ext.empty() ? base : base + "." + ext;
 }
 
+// Long names are UTF-16 on disk and UTF-8 in the facade.
+std::string utf8(const std::u16string& units)
+{
+    std::string text;
+    for (std::size_t i = 0; i < units.size(); ++i) {
+        std::uint32_t code = units[i];
+        if (code >= 0xD800 && code < 0xDC00 && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000)
+            code = 0x10000 + ((code - 0xD800) << 10) + (units[++i] - 0xDC00);
+        if (code < 0x80) {
+            text += char(code);
+        } else if (code < 0x800) {
+            text += char(0xC0 | code >> 6);
+            text += char(0x80 | (code & 0x3F));
+        } else if (code < 0x10000) {
+            text += char(0xE0 | code >> 12);
+            text += char(0x80 | (code >> 6 & 0x3F));
+            text += char(0x80 | (code & 0x3F));
+        } else {
+            text += char(0xF0 | code >> 18);
+            text += char(0x80 | (code >> 12 & 0x3F));
+            text += char(0x80 | (code >> 6 & 0x3F));
+            text += char(0x80 | (code & 0x3F));
+        }
+    }
+    return text;
+}
+
+// UTF-8 to UTF-16; a byte that starts no valid sequence stands for itself.
+std::u16string utf16(const std::string& text)
+{
+    std::u16string units;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const std::size_t length = byte < 0x80         ? 1
+                                   : (byte >> 5) == 6  ? 2
+                                   : (byte >> 4) == 14 ? 3
+                                   : (byte >> 3) == 30 ? 4
+                                                       : 1;
+        std::uint32_t code = length == 1 ? byte : byte & (0x7F >> length);
+        bool valid = i + length <= text.size();
+        for (std::size_t k = 1; valid && k < length; ++k) {
+            const auto next = static_cast<unsigned char>(text[i + k]);
+            valid = (next & 0xC0) == 0x80;
+            code = code << 6 | (next & 0x3F);
+        }
+        if (!valid) {
+            code = byte;
+            i += 1;
+        } else {
+            i += length;
+        }
+        if (code >= 0x10000) {
+            units += char16_t(0xD800 + ((code - 0x10000) >> 10));
+            units += char16_t(0xDC00 + ((code - 0x10000) & 0x3FF));
+        } else {
+            units += char16_t(code);
+        }
+    }
+    return units;
+}
+
 std::pair<std::uint16_t, std::uint16_t> dosTimeAndDate()
 {
     const std::time_t now = std::time(nullptr);
@@ -320,8 +381,7 @@ std::optional<std::vector<FatFilesys::Node>> FatFilesys::Volume::list(const Node
         node.size = ByteView({entry, kEntrySize}).u32(kFileSize);
         node.entryOffset = offset;
         if (!longName.empty() && longChecksum == shortNameChecksum(entry)) {
-            for (char16_t c : longName)
-                node.name += c < 0x80 ? char(c) : '?'; // names outside ASCII are not needed here
+            node.name = utf8(longName);
             node.longNameOffsets = longOffsets;
         } else {
             node.name = shortNameText(entry);
@@ -637,7 +697,8 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
     const auto slash = path.rfind('/');
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     const auto parent = lookup(slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash));
-    if (!parent || !parent->isDirectory() || name.empty() || name.size() > 255)
+    const std::u16string units = utf16(name);
+    if (!parent || !parent->isDirectory() || name.empty() || units.size() > 255)
         return std::nullopt;
     const auto children = volume_->list(*parent);
     if (!children)
@@ -653,7 +714,7 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
     }
     bool needsLongName = false;
     const auto shortName = shortNameFor(name, taken, needsLongName);
-    const std::size_t longEntries = needsLongName ? (name.size() + kCharsPerLongEntry - 1) / kCharsPerLongEntry : 0;
+    const std::size_t longEntries = needsLongName ? (units.size() + kCharsPerLongEntry - 1) / kCharsPerLongEntry : 0;
     const std::size_t needed = longEntries + 1;
 
     // A run of free slots, extending a cluster-based directory when there is none.
@@ -694,9 +755,9 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
         entry[13] = checksum;
         for (std::size_t c = 0; c < kCharsPerLongEntry; ++c) {
             const std::size_t index = (sequence - 1) * kCharsPerLongEntry + c;
-            const std::uint16_t unit = index < name.size()    ? std::uint8_t(name[index])
-                                       : index == name.size() ? 0
-                                                              : 0xFFFF;
+            const std::uint16_t unit = index < units.size()    ? std::uint16_t(units[index])
+                                       : index == units.size() ? 0
+                                                               : 0xFFFF;
             ByteWriter(entry).u16(kLongCharOffsets[c], unit);
         }
         if (!writeBytes(*volume_->storage, (*slots)[first + k], entry))

@@ -70,6 +70,25 @@ TEST_F(FatFilesysTest, SimilarLongNamesGetDistinctShortNames)
     EXPECT_FALSE(fs->openFile("/program FILES.TXT", OpenFlags::CreateOrOpen | 0) == nullptr);
 }
 
+TEST_F(FatFilesysTest, LongNamesAreUtf16OnDiskAndUtf8Here)
+{
+    const std::string name = "Donn\xC3\xA9"
+                             "es \xC3\xA9t\xC3\xA9 \xF0\x9F\x98\x80.txt"; // "Données été 😀.txt"
+    ASSERT_TRUE(fs->openFile("/" + name, OpenFlags::CreateOrTruncate));
+    DirectoryEntry entry;
+    ASSERT_TRUE(fs->openDirectory("/")->next(entry));
+    EXPECT_EQ(entry.name, name);
+    EXPECT_TRUE(fs->openFile("/DONN\xC3\xA9"
+                             "ES \xC3\xA9T\xC3\xA9 \xF0\x9F\x98\x80.TXT",
+                             OpenFlags::Read));
+    // The first long-name slot holds "Donné" as UTF-16 units: 'é' is the single unit 0x00E9.
+    const auto& bytes = storage->bytes();
+    const std::uint64_t root = std::uint64_t(ByteView(bytes).u16(0x0E) + 2 * ByteView(bytes).u32(0x24)) * 512;
+    const std::uint64_t firstPiece = root + 32; // the last piece is written first
+    EXPECT_EQ(bytes[firstPiece] & 0x3F, 1);
+    EXPECT_EQ(ByteView(bytes).u16(std::size_t(firstPiece + 9)), 0x00E9u);
+}
+
 TEST_F(FatFilesysTest, RemovingAndShrinkingGiveClustersBack)
 {
     fs->flush();
