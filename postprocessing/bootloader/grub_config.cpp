@@ -263,18 +263,15 @@ StepResult adjustGrubCfg(Ref<Keeper> keeper)
         LogMessage(Channels::bootloader(), LogError) << "No keeper object";
         return StepResult::Failed;
     }
-    Maps maps;
-    if (!Tools::buildUuidMap(
-            keeper, KindVolumeIdChange, maps.fsIds,
+    // MBR partition ids are spelled "1a2b3c4d-02" in kernel options: the partition map has them.
+    Tools::IdMaps ids;
+    if (!Tools::buildIdMaps(
+            keeper, ids,
             "Libraries::KRO::PostProcessing::Bootloader::adjustGrubCfg invalid fs ids, cannot add mapping for ",
-            Channels::bootloader()) ||
-        !Tools::buildUuidMap(
-            keeper, KindPartitionUuidChange, maps.partitionIds,
             "Libraries::KRO::PostProcessing::Bootloader::adjustGrubCfg invalid partition ids, cannot add mapping for ",
             Channels::bootloader()))
         return StepResult::Failed;
-    // MBR partition ids are spelled "1a2b3c4d-02" in kernel options.
-    Tools::mapLinuxMbrPartitionIds(maps.partitionIds);
+    Maps maps{std::move(ids.fsIds), std::move(ids.partitionIds), {}};
     maps.linuxIds = linuxIdMap(keeper);
     if (maps.fsIds.empty() && maps.partitionIds.empty() && maps.linuxIds.empty()) {
         LogMessage(Channels::bootloader(), LogDetail) << "No fs id, partition id or linux disk id mappings found, ";

@@ -113,14 +113,11 @@ StepResult adjustRaspberryPi(Ref<Keeper> keeper)
         LogMessage(Channels::bootloader(), LogError) << "No keeper object";
         return StepResult::Failed;
     }
-    UuidReplaceMap fsIds, partitionIds;
-    if (!Tools::buildUuidMap(keeper, KindVolumeIdChange, fsIds, "FS ID: cannot add mapping for ",
-                             Channels::bootloader()) ||
-        !Tools::buildUuidMap(keeper, KindPartitionUuidChange, partitionIds, "Part ID: cannot add mapping for ",
-                             Channels::bootloader()))
+    Tools::IdMaps maps;
+    if (!Tools::buildIdMaps(keeper, maps, "FS ID: cannot add mapping for ", "Part ID: cannot add mapping for ",
+                            Channels::bootloader()))
         return StepResult::Failed;
-    Tools::mapLinuxMbrPartitionIds(partitionIds);
-    if (fsIds.empty() && partitionIds.empty()) {
+    if (maps.empty()) {
         LogMessage(Channels::bootloader(), LogDetail) << "No FS or partition ID mapping found";
         return StepResult::NothingFound;
     }
@@ -130,7 +127,7 @@ StepResult adjustRaspberryPi(Ref<Keeper> keeper)
         if (!isFat(Tools::getToFileSystemType(keeper, partition)))
             continue;
         const auto fs = Tools::getToFSItemFactory(keeper, partition, 1);
-        if (fs && holdsPiFirmware(*fs) && adjustCommandLine(*fs, fsIds, partitionIds))
+        if (fs && holdsPiFirmware(*fs) && adjustCommandLine(*fs, maps.fsIds, maps.partitionIds))
             result = foldResult(result, StepResult::Ok);
     }
     return result;

@@ -130,18 +130,13 @@ StepResult adjustFstab(Ref<Keeper> keeper)
         LogMessage(Channels::linuxSys(), LogError) << "No keeper object";
         return StepResult::Failed;
     }
-    UuidReplaceMap fsIds, partitionIds;
-    if (!Tools::buildUuidMap(
-            keeper, KindVolumeIdChange, fsIds,
-            "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid fs ids, cannot add mapping for ",
-            Channels::linuxSys()) ||
-        !Tools::buildUuidMap(
-            keeper, KindPartitionUuidChange, partitionIds,
+    Tools::IdMaps maps;
+    if (!Tools::buildIdMaps(
+            keeper, maps, "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid fs ids, cannot add mapping for ",
             "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid partition ids, cannot add mapping for ",
             Channels::linuxSys()))
         return StepResult::Failed;
-    Tools::mapLinuxMbrPartitionIds(partitionIds);
-    if (fsIds.empty() && partitionIds.empty()) {
+    if (maps.empty()) {
         LogMessage(Channels::linuxSys(), LogError) << "No fs or partition id mapping found ";
         return StepResult::NothingFound;
     }
@@ -154,7 +149,7 @@ StepResult adjustFstab(Ref<Keeper> keeper)
         if (!table)
             continue;
         LogMessage(Channels::linuxSys(), LogDetail) << "Found fstab at " << where;
-        const StepResult tableResult = adjustMountTable(table, fsIds, partitionIds);
+        const StepResult tableResult = adjustMountTable(table, maps.fsIds, maps.partitionIds);
         if (tableResult != StepResult::NothingFound)
             result = tableResult;
     }

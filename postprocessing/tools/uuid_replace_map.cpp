@@ -131,6 +131,9 @@ std::string replaceVolumeId(const std::string& entry, const UuidReplaceMap& map,
     return prefix + found->second;
 }
 
+namespace {
+
+// Fills map from every keeper entry of kind; false after the log line of the first that fails.
 bool buildUuidMap(const Ref<Keeper>& keeper, u64 kind, UuidReplaceMap& map, const char* failureText,
                   Platform::LogChannel channel)
 {
@@ -141,6 +144,18 @@ bool buildUuidMap(const Ref<Keeper>& keeper, u64 kind, UuidReplaceMap& map, cons
             return false;
         }
     }
+    return true;
+}
+
+} // namespace
+
+bool buildIdMaps(const Ref<Keeper>& keeper, IdMaps& maps, const char* fsFailureText, const char* partitionFailureText,
+                 Platform::LogChannel channel)
+{
+    if (!buildUuidMap(keeper, KindVolumeIdChange, maps.fsIds, fsFailureText, channel) ||
+        !buildUuidMap(keeper, KindPartitionUuidChange, maps.partitionIds, partitionFailureText, channel))
+        return false;
+    mapLinuxMbrPartitionIds(maps.partitionIds);
     return true;
 }
 

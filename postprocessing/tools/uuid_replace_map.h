@@ -31,10 +31,15 @@ std::string replaceVolumeId(const std::string& entry, const UuidReplaceMap& map,
 
 HexCase classifyHexCase(const std::string& text);
 
-// Fills map from every keeper entry of kind (13 or 9); false when one of them fails, after the
-// log line that names it.
-bool buildUuidMap(const Ref<Keeper>& keeper, u64 kind, UuidReplaceMap& map, const char* failureText,
-                  Platform::LogChannel channel);
+// The two maps every text rewriter starts from: file-system ids (kind 13) and partition ids
+// (kind 9, MBR partitions in their Linux form too). false when an entry fails, after its log line.
+struct IdMaps {
+    UuidReplaceMap fsIds;
+    UuidReplaceMap partitionIds;
+    bool empty() const { return fsIds.empty() && partitionIds.empty(); }
+};
+bool buildIdMaps(const Ref<Keeper>& keeper, IdMaps& maps, const char* fsFailureText, const char* partitionFailureText,
+                 Platform::LogChannel channel);
 
 } // namespace Tools
 } // namespace Libraries::KRO::PostProcessing
