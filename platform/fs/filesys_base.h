@@ -47,6 +47,9 @@ public:
     // The type code of the file system on storage, judged from its own structures (never from a
     // partition type); FsNone when there is none we can handle.
     static std::uint32_t probe(const Ref<Interfaces::Storage>& storage);
+    // The file system on storage, whatever its type; null when there is none we can handle. One
+    // look at the structures serves both the type and the object.
+    static Ref<FileSysBase> open(Ref<Interfaces::Storage> storage);
     // The file system of that type on storage, or null when it does not hold one.
     static Ref<FileSysBase> createFilesysBase(Ref<Interfaces::Storage> storage, std::uint32_t type);
     static const char* typeName(std::uint32_t type);

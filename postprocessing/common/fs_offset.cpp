@@ -25,7 +25,7 @@ bool hasBootSectorGeometry(u32 type)
            type == Platform::FsNtfs;
 }
 
-StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, u32 heads, u32 sectors)
+StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, Platform::FileSysBase& fs, u32 heads, u32 sectors)
 {
     const auto storage = Tools::getToStorage(keeper, partition);
     if (!storage) {
@@ -45,9 +45,8 @@ StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, u32 heads, u3
         return StepResult::Failed;
     }
     // FAT32 and NTFS keep a backup boot sector that their checkers compare with sector 0.
-    const auto fs = Tools::openToFileSystem(keeper, partition);
-    if (fs && !fs->mirrorBootSector()) {
-        LogMessage(Channels::common(), LogError) << "Write failed: " << fs->errorText();
+    if (!fs.mirrorBootSector()) {
+        LogMessage(Channels::common(), LogError) << "Write failed: " << fs.errorText();
         return StepResult::Failed;
     }
     return StepResult::Ok;
@@ -70,8 +69,9 @@ StepResult adjustPartitionCHS(Ref<Keeper> keeper)
         }
         for (u64 partition = keeper->findNext(KindPartition, 0, disk); partition != 0;
              partition = keeper->findNext(KindPartition, partition, disk)) {
-            if (hasBootSectorGeometry(Tools::getToFileSystemType(keeper, partition)))
-                result = foldResult(result, writeGeometry(keeper, partition, heads, sectors));
+            const auto fs = Tools::openToFileSystem(keeper, partition);
+            if (fs && hasBootSectorGeometry(fs->type()))
+                result = foldResult(result, writeGeometry(keeper, partition, *fs, heads, sectors));
         }
     }
     return result;

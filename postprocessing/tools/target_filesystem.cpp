@@ -15,12 +15,10 @@ Ref<Platform::FileSysBase> openToFileSystem(const Ref<Keeper>& keeper, u64 parti
     const auto storage = getToStorage(keeper, partition);
     if (!storage)
         return {};
-    const u32 type = Platform::MountHelper::probe(storage);
-    if (type == Platform::FsNone) {
+    auto fs = Platform::MountHelper::open(storage);
+    if (!fs)
         Platform::Error::set(Platform::Error::NotSupported);
-        return {};
-    }
-    return Platform::MountHelper::createFilesysBase(storage, type);
+    return fs;
 }
 
 } // namespace Libraries::KRO::PostProcessing::Tools
