@@ -1,5 +1,6 @@
 #include "postprocessing/common/disk_ids.h"
 
+#include "platform/core/bytes.h"
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
 #include "platform/partman/partition_manager.h"
@@ -313,8 +314,7 @@ void DiskIdChange::recordPartition(u64 disk, u64 entry, const Guid& oldUuid, con
 DiskIdChange::Flow DiskIdChange::handleMbr(DiskPass& pass, PartitionManager& table)
 {
     const Ref<ByteArray> current = table.diskId();
-    const u32 currentSignature = u32(current->bytes()[0]) | u32(current->bytes()[1]) << 8 |
-                                 u32(current->bytes()[2]) << 16 | u32(current->bytes()[3]) << 24;
+    const u32 currentSignature = Platform::ByteView(current->bytes()).u32(0);
     if (!pass.fromSource)
         pass.fromId = current;
     pass.targetId = pass.customTarget;
@@ -338,8 +338,7 @@ DiskIdChange::Flow DiskIdChange::handleMbr(DiskPass& pass, PartitionManager& tab
         return Flow::StopDisks;
     }
     if (pass.targetId)
-        signature = u32(pass.targetId->bytes()[0]) | u32(pass.targetId->bytes()[1]) << 8 |
-                    u32(pass.targetId->bytes()[2]) << 16 | u32(pass.targetId->bytes()[3]) << 24;
+        signature = Platform::ByteView(pass.targetId->bytes()).u32(0);
     LogMessage(Channels::common(), LogNotice) << "Setting Target with New Disk SIG: " << signatureText(signature);
     LogMessage(Channels::common(), LogNotice)
         << "From old Disk SIG:                " << signatureText(currentSignature);
