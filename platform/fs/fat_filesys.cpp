@@ -169,7 +169,33 @@ struct FatFilesys::Volume {
     // The byte offsets of a directory's 32-byte slots, in order.
     std::optional<std::vector<std::uint64_t>> slots(const Node& directory) const;
     std::optional<std::vector<Node>> list(const Node& directory) const;
+    // Calls visit(offset, entry bytes) for each slot of the directory, reading it a cluster (or,
+    // for the FAT12/16 root, a sector) at a time, until visit returns false. false on a read error.
+    template <typename Visit>
+    bool forEachSlot(const Node& directory, const std::vector<std::uint64_t>& offsets, Visit visit) const;
 };
+
+template <typename Visit>
+bool FatFilesys::Volume::forEachSlot(const Node& directory, const std::vector<std::uint64_t>& offsets,
+                                     Visit visit) const
+{
+    const std::uint64_t unit = directory.entryOffset == 0 && type != FsFat32 ? bytesPerSector : clusterBytes;
+    std::vector<std::uint8_t> block;
+    std::uint64_t blockStart = 0;
+    for (std::uint64_t offset : offsets) {
+        if (block.empty() || offset < blockStart || offset >= blockStart + block.size()) {
+            blockStart = offset;
+            block = readBytes(*storage, offset, unit);
+            if (block.empty()) {
+                Error::set(EIO);
+                return false;
+            }
+        }
+        if (!visit(offset, block.data() + (offset - blockStart)))
+            break;
+    }
+    return true;
+}
 
 bool FatFilesys::Volume::load()
 {
@@ -335,26 +361,13 @@ std::optional<std::vector<FatFilesys::Node>> FatFilesys::Volume::list(const Node
     std::u16string longName;
     std::vector<std::uint64_t> longOffsets;
     std::uint8_t longChecksum = 0;
-    // Read the directory in one piece per cluster rather than entry by entry.
-    std::vector<std::uint8_t> block;
-    std::uint64_t blockStart = 0;
-    for (std::uint64_t offset : *offsets) {
-        const std::uint64_t unit = directory.entryOffset == 0 && type != FsFat32 ? bytesPerSector : clusterBytes;
-        if (block.empty() || offset < blockStart || offset >= blockStart + block.size()) {
-            blockStart = offset;
-            block = readBytes(*storage, offset, unit);
-            if (block.empty()) {
-                Error::set(EIO);
-                return std::nullopt;
-            }
-        }
-        const std::uint8_t* entry = block.data() + (offset - blockStart);
+    const bool read = forEachSlot(directory, *offsets, [&](std::uint64_t offset, const std::uint8_t* entry) {
         if (entry[0] == 0)
-            break;
+            return false;
         if (entry[0] == kDeleted) {
             longName.clear();
             longOffsets.clear();
-            continue;
+            return true;
         }
         if (entry[kAttributes] == kLongName) {
             if (entry[0] & kLastLongEntry) {
@@ -371,7 +384,7 @@ std::optional<std::vector<FatFilesys::Node>> FatFilesys::Volume::list(const Node
             }
             longName = piece + longName;
             longOffsets.push_back(offset);
-            continue;
+            return true;
         }
         Node node;
         node.attributes = entry[kAttributes];
@@ -380,6 +393,7 @@ std::optional<std::vector<FatFilesys::Node>> FatFilesys::Volume::list(const Node
             (type == FsFat32 ? std::uint32_t(entry[kClusterHigh] | entry[kClusterHigh + 1] << 8) << 16 : 0);
         node.size = ByteView({entry, kEntrySize}).u32(kFileSize);
         node.entryOffset = offset;
+        std::copy_n(entry, node.shortName.size(), node.shortName.begin());
         if (!longName.empty() && longChecksum == shortNameChecksum(entry)) {
             node.name = utf8(longName);
             node.longNameOffsets = longOffsets;
@@ -390,7 +404,10 @@ std::optional<std::vector<FatFilesys::Node>> FatFilesys::Volume::list(const Node
         longOffsets.clear();
         if (!(node.attributes & kVolumeLabel))
             nodes.push_back(std::move(node));
-    }
+        return true;
+    });
+    if (!read)
+        return std::nullopt;
     return nodes;
 }
 
@@ -709,8 +726,7 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
             Error::set(EEXIST);
             return std::nullopt;
         }
-        const auto raw = readBytes(*volume_->storage, child.entryOffset, 11);
-        taken.insert(StringUtil::lower(shortNameText(raw.data())));
+        taken.insert(StringUtil::lower(shortNameText(child.shortName.data())));
     }
     bool needsLongName = false;
     const auto shortName = shortNameFor(name, taken, needsLongName);
@@ -721,14 +737,16 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
     auto slots = volume_->slots(*parent);
     if (!slots)
         return std::nullopt;
-    std::size_t run = 0, first = 0;
-    for (std::size_t i = 0; i < slots->size() && run < needed; ++i) {
-        const auto marker = readBytes(*volume_->storage, (*slots)[i], 1);
-        const bool free = !marker.empty() && (marker[0] == 0 || marker[0] == kDeleted);
-        run = free ? run + 1 : 0;
-        if (run == 1)
-            first = i;
-    }
+    std::size_t run = 0, first = 0, slot = 0;
+    if (!volume_->forEachSlot(*parent, *slots, [&](std::uint64_t, const std::uint8_t* entry) {
+            const bool free = entry[0] == 0 || entry[0] == kDeleted;
+            run = free ? run + 1 : 0;
+            if (run == 1)
+                first = slot;
+            ++slot;
+            return run < needed;
+        }))
+        return std::nullopt;
     while (run < needed) {
         if (parent->entryOffset == 0 && volume_->type != FsFat32) {
             Error::set(ENOSPC); // the FAT12/16 root directory has a fixed size

@@ -6,6 +6,7 @@
 
 #include "platform/fs/filesys.h"
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -32,6 +33,7 @@ public:
         std::uint32_t firstCluster = 0;
         std::uint32_t size = 0;
         std::uint64_t entryOffset = 0;              // the 8.3 entry's byte offset, 0 for the root
+        std::array<std::uint8_t, 11> shortName{};   // as the 8.3 entry holds it
         std::vector<std::uint64_t> longNameOffsets; // its long-name entries
         bool isDirectory() const { return attributes & 0x10; }
     };
