@@ -8,8 +8,9 @@
 namespace Platform {
 
 // Gives the ext file system on storage the UUID id (16 bytes). Refuses a file system that needs
-// journal recovery, has errors recorded or was not cleanly unmounted, and, where every metadata
-// checksum must be rewritten, one that was mounted since its last check. false with error set.
+// journal recovery, has errors recorded or was not cleanly unmounted, and one whose metadata does
+// not verify against its checksums under the old UUID (checked wherever the change rewrites a
+// checksum). Nothing is written then. false with error set.
 bool changeExtUuid(const Ref<Interfaces::Storage>& storage, std::span<const std::uint8_t> id, std::string& error);
 
 } // namespace Platform
