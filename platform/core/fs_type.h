@@ -17,6 +17,7 @@ enum FsType : std::uint32_t {
     FsExt4 = 0x10033,
     FsXfs = 0x10060,
     FsBtrfs = 0x10070,
+    FsSwap = 0x10080,
 };
 
 } // namespace Platform

@@ -4,6 +4,7 @@
 #include "platform/fs/ext_volume.h"
 #include "platform/fs/fat_volume.h"
 #include "platform/fs/ntfs_volume.h"
+#include "platform/fs/swap_volume.h"
 #include "platform/fs/xfs_volume.h"
 
 namespace Platform {
@@ -31,6 +32,10 @@ Ref<FileSysBase> MountHelper::open(Ref<Interfaces::Storage> storage)
         return makeRef<BtrfsVolume>(std::move(storage), std::move(*copies));
     if (const auto geometry = XfsVolume::detect(*storage))
         return makeRef<XfsVolume>(std::move(storage), *geometry);
+    // Last: a swap signature lies in the first page, where a file system made later may have
+    // left it standing.
+    if (const auto layout = SwapVolume::detect(*storage))
+        return makeRef<SwapVolume>(std::move(storage), *layout);
     return {};
 }
 
@@ -69,6 +74,8 @@ const char* MountHelper::typeName(std::uint32_t type)
         return "XFS";
     case FsBtrfs:
         return "Btrfs";
+    case FsSwap:
+        return "swap";
     default:
         return "unknown";
     }

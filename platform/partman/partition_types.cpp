@@ -14,6 +14,7 @@ constexpr Guid kEfiSystem = guidFromText("C12A7328-F81F-11D2-BA4B-00A0C93EC93B")
 constexpr Guid kWindowsRecovery = guidFromText("DE94BBA4-06D1-4D40-A16A-BFD50179D6AC");
 constexpr Guid kLinuxData = guidFromText("0FC63DAF-8483-4772-8E79-3D69D8477DE4");
 constexpr Guid kExtendedBoot = guidFromText("BC13C2FF-59E6-4262-A352-B275FD6F7172");
+constexpr Guid kLinuxSwap = guidFromText("0657FD6D-A4AB-43C4-84E5-0933C84B4F4F");
 // Discoverable Linux partitions: root (x86, x86-64, arm64), /home, /srv, /var, /var/tmp.
 constexpr Guid kLinuxDiscoverable[] = {
     guidFromText("44479540-F297-41B2-9AF7-D131D5F0458A"), guidFromText("4F68BCE3-E8CD-4DB1-96E7-FBCAF984B709"),
@@ -22,7 +23,7 @@ constexpr Guid kLinuxDiscoverable[] = {
     guidFromText("7EC6F557-3BC5-4ACA-B293-16EF5DF639D1"),
 };
 
-enum class Family { None, Fat, Windows, Linux };
+enum class Family { None, Fat, Windows, Linux, Swap };
 
 Family familyOf(std::uint32_t fsType)
 {
@@ -40,6 +41,8 @@ Family familyOf(std::uint32_t fsType)
     case FsXfs:
     case FsBtrfs:
         return Family::Linux;
+    case FsSwap:
+        return Family::Swap;
     default:
         return Family::None;
     }
@@ -54,6 +57,7 @@ std::span<const std::uint8_t> mbrTypes(std::uint32_t fsType)
     static constexpr std::uint8_t kFat32[] = {0x0C, 0x0B, 0x1B, 0x1C, 0xEF, 0x27};
     static constexpr std::uint8_t kWindows[] = {0x07, 0x17, 0x27};
     static constexpr std::uint8_t kLinux[] = {0x83};
+    static constexpr std::uint8_t kSwap[] = {0x82};
     switch (fsType) {
     case FsFat12:
         return kFat12;
@@ -70,6 +74,8 @@ std::span<const std::uint8_t> mbrTypes(std::uint32_t fsType)
     case FsXfs:
     case FsBtrfs:
         return kLinux;
+    case FsSwap:
+        return kSwap;
     default:
         return {};
     }
@@ -86,6 +92,8 @@ bool gptTypeFits(Family family, const Guid& type)
         return type == kLinuxData || type == kExtendedBoot ||
                std::find(std::begin(kLinuxDiscoverable), std::end(kLinuxDiscoverable), type) !=
                    std::end(kLinuxDiscoverable);
+    case Family::Swap:
+        return type == kLinuxSwap;
     case Family::None:
         break;
     }
@@ -116,6 +124,8 @@ Guid Partition::defaultTypeUUID(std::uint32_t fsType, TableType table)
         return kBasicData;
     case Family::Linux:
         return kLinuxData;
+    case Family::Swap:
+        return kLinuxSwap;
     case Family::None:
         break;
     }

@@ -36,6 +36,7 @@ Family familyOf(u32 type)
     case Platform::FsExt4:
     case Platform::FsXfs:
     case Platform::FsBtrfs:
+    case Platform::FsSwap:
         return {16, "Size of new ext ID incorrect"};
     default:
         return {0, nullptr};
@@ -45,7 +46,9 @@ Family familyOf(u32 type)
 Ref<ByteArray> randomId(std::size_t length)
 {
     if (length == 16) {
-        const auto uuid = UUIDHelper::createRandom().toBytes();
+        // These families store a UUID as a byte string and their tools print it in that order:
+        // so stored, a version-4 UUID reads as one (4... in the third group, 8-b in the fourth).
+        const auto uuid = UUIDHelper::createRandom().toTextOrderBytes();
         return ByteArray::create(uuid);
     }
     const auto generator = Platform::Random::create();

@@ -26,6 +26,13 @@ std::array<u8, 16> UUID::toBytes() const noexcept
             data4[4],  data4[5],       data4[6],        data4[7]};
 }
 
+std::array<u8, 16> UUID::toTextOrderBytes() const noexcept
+{
+    return {u8(data1 >> 24), u8(data1 >> 16), u8(data1 >> 8), u8(data1), u8(data2 >> 8), u8(data2),
+            u8(data3 >> 8),  u8(data3),       data4[0],       data4[1],  data4[2],       data4[3],
+            data4[4],        data4[5],        data4[6],       data4[7]};
+}
+
 UUID UUIDHelper::createRandom()
 {
     static const Ref<Platform::Random> generator = Platform::Random::create();

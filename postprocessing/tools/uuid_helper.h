@@ -19,6 +19,8 @@ struct UUID {
     // The 16 bytes as they lie on disk.
     static UUID fromBytes(std::span<const u8, 16> bytes) noexcept;
     std::array<u8, 16> toBytes() const noexcept;
+    // The 16 bytes in the order the text shows them, as Linux file systems store a UUID.
+    std::array<u8, 16> toTextOrderBytes() const noexcept;
     bool operator==(const UUID&) const = default;
 };
 
