@@ -7,6 +7,7 @@
 #include "postprocessing/pipeline.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/tools/format_fs_id.h"
+#include "postprocessing/tools/uuid_replace_map.h"
 
 #include <algorithm>
 #include <cctype>
@@ -21,8 +22,8 @@ using Platform::StrConv;
 namespace {
 
 // Disk signatures and MBR partition ids as Linux shows them (PTUUID 1a2b3c4d, PARTUUID
-// 1a2b3c4d-01), GPT GUIDs mixed-endian, file-system UUIDs (byte strings on disk) big-endian, FAT
-// and NTFS serials as their tools show them.
+// 1a2b3c4d-01, 1a2b3c4d-0c), GPT GUIDs mixed-endian, file-system UUIDs (byte strings on disk)
+// big-endian, FAT and NTFS serials as blkid shows them.
 std::string idText(PP::u64 kind, const PP::ObjectRef& object)
 {
     const auto bytes = Platform::refCast<PP::ByteArray>(object);
@@ -35,9 +36,11 @@ std::string idText(PP::u64 kind, const PP::ObjectRef& object)
         std::copy(bytes->bytes().begin(), bytes->bytes().end(), uuid.begin());
         std::uint32_t signature = 0, entry = 0;
         if (Platform::Partition::getDiskIDAndEntryFromUUID(uuid, signature, entry))
-            return Platform::StringUtil::lower(StrConv::str(signature, 16, 8)) + "-" + StrConv::str(entry + 1, 10, 2);
+            return PP::Tools::linuxMbrPartitionId(signature, entry);
     }
-    if (bytes->size() == 4 || bytes->size() == 8 || bytes->size() == 16) {
+    if (kind == PP::KindVolumeIdChange && bytes->size() == 8) // NTFS, as blkid shows it
+        return Platform::StringUtil::replace(PP::Tools::formatFsID(bytes, PP::UUIDHelper::BigEndian)->str(), "-", "");
+    if (bytes->size() == 4 || bytes->size() == 16) {
         const auto format = kind == PP::KindVolumeIdChange ? PP::UUIDHelper::BigEndian : PP::UUIDHelper::MixedEndian;
         if (auto text = PP::Tools::formatFsID(bytes, format))
             return text->str();

@@ -125,10 +125,7 @@ private:
         return false;
     }
 
-    bool failed(errcode_t code, const std::string& what)
-    {
-        return fail(what + " failed: " + extErrorText(code));
-    }
+    bool failed(errcode_t code, const std::string& what) { return fail(what + " failed: " + extErrorText(code)); }
 
     // One group's inode table, run by run: every inode checksum recomputed with the new seed and
     // the run written back where it changed, then the metadata of the run's inodes in use (which
@@ -329,8 +326,8 @@ private:
         if (!ext2fs_has_feature_orphan_file(fs_->super) || fs_->super->s_orphan_file_inum == 0)
             return true;
         block_.resize(fs_->blocksize);
-        const errcode_t code = ext2fs_block_iterate3(fs_, fs_->super->s_orphan_file_inum, BLOCK_FLAG_READ_ONLY,
-                                                     nullptr, rewriteOrphanBlock, this);
+        const errcode_t code = ext2fs_block_iterate3(fs_, fs_->super->s_orphan_file_inum, BLOCK_FLAG_READ_ONLY, nullptr,
+                                                     rewriteOrphanBlock, this);
         if (!error_.empty())
             return false;
         return code ? failed(code, "walking the orphan file") : true;

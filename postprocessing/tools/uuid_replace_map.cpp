@@ -26,14 +26,39 @@ std::pair<std::string, std::string> idTexts(const ObjectRef& object)
             windows ? Platform::StringUtil::lower(windows->str()) : std::string()};
 }
 
-// "1a2b3c4d-01": the signature, and the entry number as the files on such systems spell it.
-std::string linuxMbrForm(u32 signature, u32 entry)
+// "1a2b3c4d-01": the signature, and the entry number as older files on such systems spell it
+// (decimal, and "-010" for the tenth partition).
+std::string decimalMbrForm(u32 signature, u32 entry)
 {
     return Platform::StringUtil::lower(Platform::StrConv::str(signature, 16, 8) + (entry < 10 ? "-0" : "-") +
                                        Platform::StrConv::str(std::uint64_t(entry + 1)));
 }
 
+// Adds old -> new unless old is a key already; false, after the log line, when it is.
+bool insertNew(UuidReplaceMap& map, const std::string& oldText, const std::string& newText)
+{
+    if (map.count(oldText)) {
+        LogMessage(Channels::tools(), LogError)
+            << "Libraries::KRO::PostProcessing::Tools::addUuidMapId Source value already exists: " << oldText;
+        return false;
+    }
+    map[oldText] = newText;
+    return true;
+}
+
+// NTFS serials as Linux spells them (blkid, fstab UUID=): 16 hex digits without the dash.
+std::string withoutDash(const std::string& text)
+{
+    return Platform::StringUtil::replace(text, "-", "");
+}
+
 } // namespace
+
+std::string linuxMbrPartitionId(u32 signature, u32 entry)
+{
+    return Platform::StringUtil::lower(Platform::StrConv::str(signature, 16, 8) + "-" +
+                                       Platform::StrConv::str(entry + 1, 16, 2));
+}
 
 StepResult addUuidMapId(const Ref<Keeper>& keeper, u64 index, UuidReplaceMap& map)
 {
@@ -41,23 +66,20 @@ StepResult addUuidMapId(const Ref<Keeper>& keeper, u64 index, UuidReplaceMap& ma
     const auto [newText, newWindows] = idTexts(keeper->getToObject(index));
     if (oldText.empty() || newText.empty())
         return StepResult::NothingFound;
-    constexpr const char* kName = "Libraries::KRO::PostProcessing::Tools::addUuidMapId ";
-    if (map.count(oldText)) {
-        LogMessage(Channels::tools(), LogError) << kName << "Source value already exists: " << oldText;
+    if (!insertNew(map, oldText, newText))
         return StepResult::Failed;
-    }
-    map[oldText] = newText;
     if (!oldWindows.empty() && !newWindows.empty()) {
         if (oldWindows == oldText) {
             LogMessage(Channels::tools(), LogError)
-                << kName << "from UUID identical for BigEndian and Windows representation: " << oldText;
-        } else if (map.count(oldWindows)) {
-            LogMessage(Channels::tools(), LogError) << kName << "Source value already exists: " << oldWindows;
+                << "Libraries::KRO::PostProcessing::Tools::addUuidMapId "
+                << "from UUID identical for BigEndian and Windows representation: " << oldText;
+        } else if (!insertNew(map, oldWindows, newWindows)) {
             return StepResult::Failed;
-        } else {
-            map[oldWindows] = newWindows;
         }
     }
+    const auto oldBytes = Platform::refCast<ByteArray>(keeper->getFromObject(index));
+    if (oldBytes->size() == 8 && !insertNew(map, withoutDash(oldText), withoutDash(newText)))
+        return StepResult::Failed;
     return StepResult::Ok;
 }
 
@@ -73,11 +95,15 @@ void mapLinuxMbrPartitionIds(UuidReplaceMap& map)
         if (!Platform::Partition::getDiskIDAndEntryFromUUID(from.toBytes(), oldSignature, oldEntry) ||
             !Platform::Partition::getDiskIDAndEntryFromUUID(to.toBytes(), newSignature, newEntry))
             continue;
-        const std::string oldForm = linuxMbrForm(oldSignature, oldEntry);
-        const std::string newForm = linuxMbrForm(newSignature, newEntry);
+        const std::string oldForm = decimalMbrForm(oldSignature, oldEntry);
+        const std::string newForm = decimalMbrForm(newSignature, newEntry);
         LogMessage(Channels::tools(), LogDetail) << "Mapping Linux MBR Partition ID " << oldForm << " to " << newForm;
         removed.push_back(key);
         added.emplace_back(oldForm, newForm);
+        // From the tenth partition on, the kernel (PARTUUID, blkid) numbers in hex: "-0a".
+        if (oldEntry >= 9)
+            added.emplace_back(linuxMbrPartitionId(oldSignature, oldEntry),
+                               linuxMbrPartitionId(newSignature, newEntry));
     }
     for (const auto& key : removed)
         map.erase(key);

@@ -17,12 +17,18 @@ namespace Tools {
 
 enum class HexCase { None = 0, Upper = 1, Lower = 2, Mixed = 3 };
 
-// Adds the id change of a kind-13 or kind-9 entry: big-endian text, and for 16-byte ids the
-// Windows text too. Nothing found (no usable ids), Ok, or FAILED when an old text is taken.
+// Adds the id change of a kind-13 or kind-9 entry: big-endian text, for 16-byte ids the Windows
+// text too, and for 8-byte (NTFS) serials Linux's 16 hex digits without the dash. Nothing found (no usable ids), Ok, or
+// FAILED when an old text is taken.
 StepResult addUuidMapId(const Ref<Keeper>& keeper, u64 index, UuidReplaceMap& map);
 
-// Rewrites pairs of MBR-derived partition ids into the Linux form "1a2b3c4d-01".
+// Rewrites pairs of MBR-derived partition ids into the Linux form "1a2b3c4d-01"; from the tenth
+// partition on both the decimal form ("-010", "-11") and the kernel's hex form ("-0a", "-0b").
 void mapLinuxMbrPartitionIds(UuidReplaceMap& map);
+
+// An MBR partition id as the kernel and blkid print it: signature, "-", partition number in
+// two or more hex digits ("1a2b3c4d-0c" for zero-based entry 11).
+std::string linuxMbrPartitionId(u32 signature, u32 entry);
 
 // The entry with its id (after prefix, or after its last "=" when prefix is empty; the prefix
 // found is handed back) replaced from the map, in the letter case the entry uses. Unchanged when

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 namespace Libraries::KRO::PostProcessing::Tools {
 namespace {
 
@@ -77,7 +79,7 @@ TEST(UuidReplaceMap, MbrPartitionIdsTakeTheLinuxForm)
 {
     auto keeper = Keeper::create();
     UuidReplaceMap map;
-    for (u32 index : {0u, 9u, 10u}) {
+    for (u32 index : {0u, 9u, 10u, 15u}) {
         const auto from = Platform::Partition::getUUIDFromDiskIDAndEntry(0x1A2B3C4D, index);
         const auto to = Platform::Partition::getUUIDFromDiskIDAndEntry(0x5E6F7A8B, index);
         addUuidMapId(
@@ -86,11 +88,29 @@ TEST(UuidReplaceMap, MbrPartitionIdsTakeTheLinuxForm)
     }
     map["not-a-uuid"] = "kept";
     mapLinuxMbrPartitionIds(map);
-    const UuidReplaceMap expected{{"1a2b3c4d-01", "5e6f7a8b-01"},
-                                  {"1a2b3c4d-010", "5e6f7a8b-010"},
-                                  {"1a2b3c4d-11", "5e6f7a8b-11"},
-                                  {"not-a-uuid", "kept"}};
+    // From the tenth partition on, the decimal forms older files hold and the kernel's hex forms.
+    const UuidReplaceMap expected{{"1a2b3c4d-01", "5e6f7a8b-01"}, {"1a2b3c4d-010", "5e6f7a8b-010"},
+                                  {"1a2b3c4d-0a", "5e6f7a8b-0a"}, {"1a2b3c4d-11", "5e6f7a8b-11"},
+                                  {"1a2b3c4d-0b", "5e6f7a8b-0b"}, {"1a2b3c4d-16", "5e6f7a8b-16"},
+                                  {"1a2b3c4d-10", "5e6f7a8b-10"}, {"not-a-uuid", "kept"}};
     EXPECT_EQ(map, expected);
+    EXPECT_EQ(linuxMbrPartitionId(0x1A2B3C4D, 11), "1a2b3c4d-0c");
+    EXPECT_EQ(linuxMbrPartitionId(0x0000BEEF, 255), "0000beef-100");
+}
+
+TEST(UuidReplaceMap, NtfsSerialsAreFoundInLinuxSpellingToo)
+{
+    auto keeper = Keeper::create();
+    UuidReplaceMap map;
+    const std::vector<u8> from{0x94, 0x23, 0x8D, 0x73, 0x7D, 0x28, 0x7A, 0x6B};
+    const std::vector<u8> to{0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0xC8};
+    const u64 entry = keeper->addObjectEntry(KindVolumeIdChange, ByteArray::create(from), ByteArray::create(to), 1, 0);
+    EXPECT_EQ(addUuidMapId(keeper, entry, map), StepResult::Ok);
+    const UuidReplaceMap expected{{"6b7a287d-738d2394", "c8070605-04030201"}, {"6b7a287d738d2394", "c807060504030201"}};
+    EXPECT_EQ(map, expected);
+    std::string prefix;
+    EXPECT_EQ(replaceVolumeId("UUID=6B7A287D738D2394", map, prefix), "UUID=C807060504030201");
+    EXPECT_EQ(addUuidMapId(keeper, entry, map), StepResult::Failed);
 }
 
 } // namespace
