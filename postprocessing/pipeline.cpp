@@ -8,6 +8,7 @@
 #include "postprocessing/common/media_direct.h"
 #include "postprocessing/common/partition_type.h"
 #include "postprocessing/common/volume_ids.h"
+#include "postprocessing/linux/boot_references.h"
 #include "postprocessing/linux/fstab.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
@@ -266,7 +267,10 @@ const PipelineSteps& PipelineSteps::builtIn()
         built.adjustPartitionType = Common::adjustPartitionType;
         built.adjustGrubCfg = Bootloader::adjustGrubCfg;
         built.adjustRaspberryPi = Bootloader::adjustRaspberryPi;
-        built.adjustFstab = Linux::adjustFstab;
+        // The mount table, then the other Linux files that name boot devices by id.
+        built.adjustFstab = [](Ref<Keeper> keeper) {
+            return foldResult(Linux::adjustFstab(keeper), Linux::adjustBootReferences(keeper));
+        };
         return built;
     }();
     return steps;

@@ -6,6 +6,7 @@
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/file_tools.h"
 #include "postprocessing/tools/storage_resolution.h"
+#include "postprocessing/tools/text_rewrite.h"
 
 namespace Libraries::KRO::PostProcessing::Bootloader {
 
@@ -204,9 +205,35 @@ Ref<Platform::File> openConfig(Platform::Filesys& fs, const std::string& path)
     return file;
 }
 
+// GRUB_CMDLINE_LINUX="..." and GRUB_CMDLINE_LINUX_DEFAULT: the kernel options update-grub
+// writes into every linux line of the next grub.cfg.
+std::string defaultsLine(const std::string& line, const Maps& maps)
+{
+    const std::string_view trimmed = StringUtil::ltrim(line);
+    const auto equals = trimmed.find('=');
+    if (!StringUtil::startsWith(std::string(trimmed), "GRUB_CMDLINE_LINUX") || equals == std::string_view::npos)
+        return line;
+    const std::size_t valueStart = line.size() - trimmed.size() + equals + 1;
+    std::string value = line.substr(valueStart);
+    const bool quoted =
+        value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front();
+    if (quoted)
+        value = value.substr(1, value.size() - 2);
+    const std::string rewritten = kernelLine(value, maps);
+    if (rewritten == value)
+        return line;
+    const std::string quote = quoted ? line.substr(valueStart, 1) : std::string();
+    return line.substr(0, valueStart) + quote + rewritten + quote;
+}
+
 StepResult adjustFileSystem(Platform::Filesys& fs, const Maps& maps)
 {
     StepResult result = StepResult::NothingFound;
+    if (const auto file = openConfig(fs, "/etc/default/grub"))
+        result = foldResult(result, Tools::rewriteTextFile(
+                                        file, "/etc/default/grub",
+                                        [&](const std::string& line) { return defaultsLine(line, maps); },
+                                        Channels::bootloader()));
     for (const char* path : {"/boot/grub/grub.cfg", "/boot/grub2/grub.cfg", "/grub/grub.cfg", "/grub2/grub.cfg"}) {
         if (const auto file = openConfig(fs, path)) {
             LogMessage(Channels::bootloader(), LogDetail) << "Found grub 2 config at " << path;
