@@ -51,7 +51,7 @@ bool packWithLibarchive(std::span<const std::uint8_t> data, int format, std::vec
         archive_write_set_filter_option(a, "zstd", "compression-level", "9");
         archive_write_set_filter_option(a, "zstd", "threads", "0");
     }
-    archive_write_set_bytes_in_last_block(a, 1);                          // no padding after the stream
+    archive_write_set_bytes_in_last_block(a, 1); // no padding after the stream
     std::unique_ptr<archive_entry, decltype(&archive_entry_free)> entry(archive_entry_new(), archive_entry_free);
     archive_entry_set_pathname(entry.get(), "initramfs");
     archive_entry_set_filetype(entry.get(), AE_IFREG);
@@ -105,8 +105,8 @@ bool packLz4Legacy(std::span<const std::uint8_t> data, std::vector<std::uint8_t>
     std::vector<char> block(bound);
     for (std::size_t done = 0; done < data.size();) {
         const std::size_t length = std::min(kLz4LegacyBlock, data.size() - done);
-        const int packed = LZ4_compress_HC(reinterpret_cast<const char*>(data.data() + done), block.data(),
-                                           int(length), int(block.size()), LZ4HC_CLEVEL_MAX);
+        const int packed = LZ4_compress_HC(reinterpret_cast<const char*>(data.data() + done), block.data(), int(length),
+                                           int(block.size()), LZ4HC_CLEVEL_MAX);
         if (packed <= 0) {
             error = "lz4 compression failed";
             return false;
@@ -125,11 +125,13 @@ bool looksCompressed(std::span<const std::uint8_t> start)
 {
     static constexpr std::uint8_t kGzip[] = {0x1F, 0x8B}, kZstd[] = {0x28, 0xB5, 0x2F, 0xFD},
                                   kXz[] = {0xFD, '7', 'z', 'X', 'Z', 0x00}, kLz4Frame[] = {0x04, 0x22, 0x4D, 0x18},
-                                  kBzip2[] = {'B', 'Z', 'h'}, kLzma[] = {0x5D, 0x00, 0x00}, kLzop[] = {0x89, 'L', 'Z', 'O'};
+                                  kBzip2[] = {'B', 'Z', 'h'}, kLzma[] = {0x5D, 0x00, 0x00},
+                                  kLzop[] = {0x89, 'L', 'Z', 'O'};
     for (const std::span<const std::uint8_t> magic :
-         {std::span<const std::uint8_t>(kGzip), std::span<const std::uint8_t>(kZstd), std::span<const std::uint8_t>(kXz),
-          std::span<const std::uint8_t>(kLz4Frame), std::span<const std::uint8_t>(kLz4LegacyMagic),
-          std::span<const std::uint8_t>(kBzip2), std::span<const std::uint8_t>(kLzma), std::span<const std::uint8_t>(kLzop)})
+         {std::span<const std::uint8_t>(kGzip), std::span<const std::uint8_t>(kZstd),
+          std::span<const std::uint8_t>(kXz), std::span<const std::uint8_t>(kLz4Frame),
+          std::span<const std::uint8_t>(kLz4LegacyMagic), std::span<const std::uint8_t>(kBzip2),
+          std::span<const std::uint8_t>(kLzma), std::span<const std::uint8_t>(kLzop)})
         if (startsWith(start, magic))
             return true;
     return false;
@@ -158,8 +160,8 @@ bool unpack(std::span<const std::uint8_t> stream, Unpacked& out, std::string& er
     for (;;) {
         const la_ssize_t read = archive_read_data(a, buffer.data(), buffer.size());
         if (read < 0) {
-            error = "the " + out.name + " archive is damaged: " +
-                    (archive_error_string(a) ? archive_error_string(a) : "read error");
+            error = "the " + out.name +
+                    " archive is damaged: " + (archive_error_string(a) ? archive_error_string(a) : "read error");
             return false;
         }
         if (read == 0)

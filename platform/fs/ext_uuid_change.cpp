@@ -156,9 +156,13 @@ private:
             bool changed = false;
             for (std::uint32_t i = 0; i < inChunk; ++i)
                 setInodeChecksum(base + i, buffer.data() + std::size_t(i) * inodeSize, changed);
-            if (changed)
+            if (changed) {
                 if (const errcode_t code = io_channel_write_blk64(fs_->io, table + first, int(count), buffer.data()))
                     return failed(code, "writing inode table of group " + std::to_string(group));
+                // libext2fs keeps inodes and the last table block it read: those carry the old
+                // checksums, which no longer verify.
+                ext2fs_flush_icache(fs_);
+            }
             for (std::uint32_t i = 0; i < inChunk; ++i) {
                 if (!ext2fs_test_inode_bitmap2(fs_->inode_map, base + i))
                     continue;

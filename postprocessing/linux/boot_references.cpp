@@ -30,9 +30,8 @@ std::string rewriteFstabDeviceLine(const std::string& line, const Tools::IdMaps&
 {
     if (isComment(line))
         return line;
-    return Tools::rewriteWords(line, firstWord, [&](const std::string& word) {
-        return Tools::rewriteDeviceReference(word, maps);
-    });
+    return Tools::rewriteWords(line, firstWord,
+                               [&](const std::string& word) { return Tools::rewriteDeviceReference(word, maps); });
 }
 
 // The image's names: Debian's and Ubuntu's initrd.img-VERSION, and initramfs-VERSION.img.
@@ -136,9 +135,8 @@ std::string rewriteResumeLine(const std::string& line, const Tools::IdMaps& maps
             continue;
         const std::size_t valueStart = line.size() - trimmed.size() + key.size();
         return line.substr(0, valueStart) +
-               Tools::rewriteWords(line.substr(valueStart), firstWord, [&](const std::string& word) {
-                   return Tools::rewriteDeviceReference(word, maps);
-               });
+               Tools::rewriteWords(line.substr(valueStart), firstWord,
+                                   [&](const std::string& word) { return Tools::rewriteDeviceReference(word, maps); });
     }
     return line;
 }
@@ -175,7 +173,8 @@ StepResult adjustBootReferences(Ref<Keeper> keeper)
     if (!Tools::buildIdMaps(
             keeper, maps,
             "Libraries::KRO::PostProcessing::Linux::adjustBootReferences invalid fs ids, cannot add mapping for ",
-            "Libraries::KRO::PostProcessing::Linux::adjustBootReferences invalid partition ids, cannot add mapping for ",
+            "Libraries::KRO::PostProcessing::Linux::adjustBootReferences invalid partition ids, cannot add mapping "
+            "for ",
             Channels::linuxSys()))
         return StepResult::Failed;
     if (maps.empty())
