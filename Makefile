@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all setup build test demo bench asan format clean
+.PHONY: all setup build test test-real demo bench asan format clean
 
 all: build
 
@@ -18,6 +18,14 @@ build: setup
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# Real Debian 12 disks (built with mmdebstrap, booted once), copied with dd, post-processed and
+# booted under qemu: MBR and GPT, alone and beside their source. Downloads packages the first time
+# and takes minutes; not part of `make test`.
+REAL_LINUX ?= ../shared/real-linux
+test-real: build
+	@scripts/setup real
+	@scripts/test-real $(REAL_LINUX) $(abspath $(BUILD))/cli/postclone
 
 demo: build
 	@scripts/demo $(BUILD)/cli/postclone
