@@ -120,8 +120,9 @@ TEST_F(InUse, Ext4MountedSinceItsLastCheckGetsItsUuidAndDamageIsRefused)
     const std::vector<Damage> damages{
         {"inode checksum", "debugfs -w -R 'sif <12> checksum 0x1234' '" + used + "'", "inode 12 does not match"},
         // The last four bytes of a directory block are its checksum.
-        {"directory block", "printf '\\377' | dd of='" + used + "' bs=1 seek=$((" + dirBlock + " * 4096 + 4093))" +
-                                " conv=notrunc status=none",
+        {"directory block",
+         "printf '\\377' | dd of='" + used + "' bs=1 seek=$((" + dirBlock + " * 4096 + 4093))" +
+             " conv=notrunc status=none",
          "directory block " + dirBlock},
     };
 
@@ -170,8 +171,8 @@ protected:
         write(main + "/conf/initramfs.conf", "MODULES=most\nBUSYBOX=auto\n");
         write(main + "/scripts/local", "#!/bin/sh\n# resume=UUID=" + swapUuid + " stays: only configuration changes\n");
         write(main + "/cryptroot/crypttab", "cswap PARTUUID=1a2b3c4d-02 /dev/urandom swap\n");
-        sh("mkdir -p '" + main + "/bin' && head -c 300000 /dev/urandom > '" + main + "/bin/tool' && ln -s tool '" + main +
-           "/bin/link'");
+        sh("mkdir -p '" + main + "/bin' && head -c 300000 /dev/urandom > '" + main + "/bin/tool' && ln -s tool '" +
+           main + "/bin/link'");
         write(early + "/kernel/x86/microcode/GenuineIntel.bin", std::string(5000, '\x5a'));
         sh("cd '" + main + "' && find . | sort | cpio -o -H newc --quiet > ../main.cpio");
         sh("cd '" + early + "' && find . | sort | cpio -o -H newc --quiet > ../early.cpio");
@@ -191,13 +192,13 @@ protected:
     void makeDisk()
     {
         const std::string tree = usedTree();
-        write(tree + "/etc/fstab", "UUID=" + rootUuid + " / ext4 errors=remount-ro 0 1\nUUID=" + swapUuid +
-                                       " none swap sw 0 0\n");
+        write(tree + "/etc/fstab",
+              "UUID=" + rootUuid + " / ext4 errors=remount-ro 0 1\nUUID=" + swapUuid + " none swap sw 0 0\n");
         write(tree + "/etc/initramfs-tools/conf.d/resume", "RESUME=UUID=" + swapUuid + "\n");
         write(tree + "/etc/crypttab", "# <target> <source> <key> <options>\ncswap\tPARTUUID=1a2b3c4d-02  /dev/urandom "
                                       "swap,cipher=aes-xts-plain64\n");
-        write(tree + "/etc/default/grub", "GRUB_DEFAULT=0\nGRUB_CMDLINE_LINUX_DEFAULT=\"quiet resume=UUID=" +
-                                              swapUuid + "\"\nGRUB_CMDLINE_LINUX=\"\"\n");
+        write(tree + "/etc/default/grub", "GRUB_DEFAULT=0\nGRUB_CMDLINE_LINUX_DEFAULT=\"quiet resume=UUID=" + swapUuid +
+                                              "\"\nGRUB_CMDLINE_LINUX=\"\"\n");
         write(tree + "/boot/grub/grub.cfg", "menuentry 'Debian' {\n\tlinux /boot/vmlinuz root=UUID=" + rootUuid +
                                                 " ro resume=UUID=" + swapUuid + " quiet\n}\n");
         makeArchives();
@@ -257,22 +258,24 @@ TEST_F(SwapInUse, EverythingNamingTheSwapFollowsItsNewUuid)
     const std::string newSwap = fsUuid(kSwapStart), newRoot = fsUuid(kRootStart);
     EXPECT_NE(newSwap, swapUuid);
     EXPECT_TRUE(versionFourAsPrinted(newSwap)) << newSwap;
-    EXPECT_EQ(trimmed(runTool({"blkid", "-p", "-O", std::to_string(kSwapStart * 512), "-o", "value", "-s", "TYPE",
-                               image})),
-              "swap");
-    const std::string signature =
-        trimmed(runTool({"blkid", "-p", "-o", "value", "-s", "PTUUID", image})).substr(0, 8);
+    EXPECT_EQ(
+        trimmed(runTool({"blkid", "-p", "-O", std::to_string(kSwapStart * 512), "-o", "value", "-s", "TYPE", image})),
+        "swap");
+    const std::string signature = trimmed(runTool({"blkid", "-p", "-o", "value", "-s", "PTUUID", image})).substr(0, 8);
     ASSERT_NE(signature, "1a2b3c4d");
 
     EXPECT_EQ(debugfsCat(kRootStart, "/etc/fstab"),
               "UUID=" + newRoot + " / ext4 errors=remount-ro 0 1\nUUID=" + newSwap + " none swap sw 0 0\n");
     EXPECT_EQ(debugfsCat(kRootStart, "/etc/initramfs-tools/conf.d/resume"), "RESUME=UUID=" + newSwap + "\n");
-    EXPECT_EQ(debugfsCat(kRootStart, "/etc/crypttab"), "# <target> <source> <key> <options>\ncswap\tPARTUUID=" +
-                                                           signature + "-02  /dev/urandom swap,cipher=aes-xts-plain64\n");
-    EXPECT_EQ(debugfsCat(kRootStart, "/etc/default/grub"), "GRUB_DEFAULT=0\nGRUB_CMDLINE_LINUX_DEFAULT=\"quiet resume=UUID=" +
-                                                               newSwap + "\"\nGRUB_CMDLINE_LINUX=\"\"\n");
-    EXPECT_EQ(debugfsCat(kRootStart, "/boot/grub/grub.cfg"), "menuentry 'Debian' {\n\tlinux /boot/vmlinuz root=UUID=" +
-                                                                 newRoot + " ro resume=UUID=" + newSwap + " quiet\n}\n");
+    EXPECT_EQ(debugfsCat(kRootStart, "/etc/crypttab"),
+              "# <target> <source> <key> <options>\ncswap\tPARTUUID=" + signature +
+                  "-02  /dev/urandom swap,cipher=aes-xts-plain64\n");
+    EXPECT_EQ(debugfsCat(kRootStart, "/etc/default/grub"),
+              "GRUB_DEFAULT=0\nGRUB_CMDLINE_LINUX_DEFAULT=\"quiet resume=UUID=" + newSwap +
+                  "\"\nGRUB_CMDLINE_LINUX=\"\"\n");
+    EXPECT_EQ(debugfsCat(kRootStart, "/boot/grub/grub.cfg"),
+              "menuentry 'Debian' {\n\tlinux /boot/vmlinuz root=UUID=" + newRoot + " ro resume=UUID=" + newSwap +
+                  " quiet\n}\n");
     for (const auto& [compression, name] : archives)
         expectArchiveFollows(compression, newSwap);
     const auto check = run({"e2fsck", "-fn", image + "?offset=" + std::to_string(kRootStart * 512)});
@@ -295,13 +298,14 @@ TEST_F(InUse, NtfsSerialsAndHighMbrPartitionNumbersInLinuxSpelling)
     TestSupport::createImage(ntfs, 16384 * 512);
     runTool({"mkntfs", "-F", "-f", "-q", ntfs});
     place(ntfs, 43008);
-    const std::string oldSerial = trimmed(
-        runTool({"blkid", "-p", "-O", std::to_string(43008 * 512), "-o", "value", "-s", "UUID", image}));
+    const std::string oldSerial =
+        trimmed(runTool({"blkid", "-p", "-O", std::to_string(43008 * 512), "-o", "value", "-s", "UUID", image}));
     ASSERT_EQ(oldSerial.size(), 16u);
-    const std::string fstab = "UUID=" + oldSerial + " /mnt/windows ntfs-3g defaults 0 0\n"
-                                                    "PARTUUID=0badcafe-0a /mnt/ten ext4 defaults 0 2\n"
-                                                    "PARTUUID=0BADCAFE-0C /mnt/twelve ext4 defaults 0 2\n"
-                                                    "PARTUUID=0badcafe-010 /mnt/old-style ext4 defaults 0 2\n";
+    const std::string fstab = "UUID=" + oldSerial +
+                              " /mnt/windows ntfs-3g defaults 0 0\n"
+                              "PARTUUID=0badcafe-0a /mnt/ten ext4 defaults 0 2\n"
+                              "PARTUUID=0BADCAFE-0C /mnt/twelve ext4 defaults 0 2\n"
+                              "PARTUUID=0badcafe-010 /mnt/old-style ext4 defaults 0 2\n";
     write(dir.file("root/etc/fstab"), fstab);
     const std::string root = dir.file("root.fs");
     TestSupport::createImage(root, 40960 * 512);
@@ -310,10 +314,9 @@ TEST_F(InUse, NtfsSerialsAndHighMbrPartitionNumbersInLinuxSpelling)
 
     const auto result = run({POSTCLONE_BINARY, "--preset", "1", "--json", image});
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    const std::string newSerial = trimmed(
-        runTool({"blkid", "-p", "-O", std::to_string(43008 * 512), "-o", "value", "-s", "UUID", image}));
-    const std::string signature =
-        trimmed(runTool({"blkid", "-p", "-o", "value", "-s", "PTUUID", image})).substr(0, 8);
+    const std::string newSerial =
+        trimmed(runTool({"blkid", "-p", "-O", std::to_string(43008 * 512), "-o", "value", "-s", "UUID", image}));
+    const std::string signature = trimmed(runTool({"blkid", "-p", "-o", "value", "-s", "PTUUID", image})).substr(0, 8);
     ASSERT_NE(newSerial, oldSerial);
     std::string upper = signature;
     std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return char(std::toupper(c)); });
