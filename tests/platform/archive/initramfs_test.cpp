@@ -20,7 +20,8 @@ std::vector<std::uint8_t> slurp(const std::string& path)
 
 void save(const std::string& path, const std::vector<std::uint8_t>& bytes)
 {
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
 class Initramfs : public testing::Test {
@@ -84,9 +85,8 @@ TEST_F(Initramfs, EditedMembersKeepTheRestOfEveryArchiveByteForByte)
         // The grown member moved what follows by a multiple of four; nothing else differs.
         EXPECT_EQ((result.image.size() - image.size()) % 4, 0u);
 
-        const auto untouched = rewriteInitramfs(image, [](const std::string&, std::string_view) {
-            return std::optional<std::string>();
-        });
+        const auto untouched =
+            rewriteInitramfs(image, [](const std::string&, std::string_view) { return std::optional<std::string>(); });
         EXPECT_TRUE(untouched.ok);
         EXPECT_FALSE(untouched.changed);
     }
@@ -102,15 +102,15 @@ TEST_F(Initramfs, DamagedArchivesAndUnwritableCompressionsAreRefused)
         EXPECT_TRUE(result.image.empty()) << why;
         EXPECT_NE(result.error.find(why), std::string::npos) << why << ": " << result.error;
     };
-    refused({plain.begin(), plain.begin() + 300}, "cpio");               // cut inside a member
+    refused({plain.begin(), plain.begin() + 300}, "cpio"); // cut inside a member
     const std::string trailer = "TRAILER!!!";
     const auto at = std::search(plain.begin(), plain.end(), trailer.begin(), trailer.end());
     refused({plain.begin(), at - 110}, "trailer"); // every member there, the trailer record not
     auto badField = plain;
-    badField[6 + 8 * 6] = 'x';                                           // the first member's size
+    badField[6 + 8 * 6] = 'x'; // the first member's size
     refused(badField, "not hex");
     auto hugeName = plain;
-    std::copy_n("FFFFFFF0", 8, hugeName.begin() + 6 + 8 * 11);           // its name size
+    std::copy_n("FFFFFFF0", 8, hugeName.begin() + 6 + 8 * 11); // its name size
     refused(hugeName, "name");
     refused(std::vector<std::uint8_t>(plain.begin(), plain.end()) = {'M', 'Z', 1, 2, 3}, "neither cpio nor compressed");
 
