@@ -34,7 +34,8 @@ std::vector<std::uint8_t> makeImage(TestSupport::TempDir& dir, int mib, const st
             bytes[i] = char(random() % 16);
         std::ofstream(tree + "/lib/modules/m" + std::to_string(file) + ".ko", std::ios::binary) << bytes;
     }
-    TestSupport::runTool({"sh", "-c", "cd '" + tree + "' && find . | cpio -o -H newc --quiet | " + compress + " > ../image"});
+    TestSupport::runTool(
+        {"sh", "-c", "cd '" + tree + "' && find . | cpio -o -H newc --quiet | " + compress + " > ../image"});
     return slurp(dir.file("image"));
 }
 

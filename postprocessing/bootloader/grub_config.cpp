@@ -142,57 +142,28 @@ std::string rewriteLine(const std::string& trimmed, ConfigKind kind, const Maps&
     return trimmed;
 }
 
-struct Wording {
-    const char* copyBackFailed;
-    const char* nothingFound;
-    const char* notWriting;
-};
-
-constexpr Wording kGrub2Wording{"Failed to write changed grub 2 config back to disk",
-                                "Nothing found to adjust in grub 2 config file",
-                                "Adjust failed, not writing updated grub 2 config"};
-constexpr Wording kLegacyWording{"Failed to write changed fstab back to disk",
-                                 "Nothing found to adjust in grub legacy configuration",
-                                 "Adjust failed, not writing updated grub legacy configuration"};
+const Tools::RewriteWording kGrub2Wording{"Failed to write changed grub 2 config back to disk",
+                                          "Nothing found to adjust in grub 2 config file",
+                                          "Adjust failed, not writing updated grub 2 config"};
+const Tools::RewriteWording kLegacyWording{"Failed to write changed fstab back to disk",
+                                           "Nothing found to adjust in grub legacy configuration",
+                                           "Adjust failed, not writing updated grub legacy configuration"};
+const Tools::RewriteWording kDefaultsWording{"Failed to write changed /etc/default/grub back to disk",
+                                             "Nothing found to adjust in /etc/default/grub",
+                                             "Adjust failed, not writing updated /etc/default/grub"};
 
 StepResult rewriteFile(const Ref<Platform::File>& file, ConfigKind kind, const Maps& maps)
 {
-    const auto temporary = createTempFile();
-    if (!temporary)
-        return StepResult::Failed;
-    Platform::LineReader reader(file);
-    Platform::LineWriter writer(temporary);
-    StepResult result = StepResult::NothingFound;
-    while (auto line = reader.next()) {
-        const std::string trimmed(StringUtil::ltrim(line->text));
+    const auto rewrite = [&](const std::string& text) {
+        const std::string trimmed(StringUtil::ltrim(text));
         const std::string rewritten = rewriteLine(trimmed, kind, maps);
-        if (rewritten != trimmed) {
-            // The indentation stays as it was.
-            const std::string changed = line->text.substr(0, line->text.size() - trimmed.size()) + rewritten;
-            LogMessage(Channels::bootloader(), LogNotice) << "Replacing line " << line->text << " with " << changed;
-            line->text = changed;
-            result = foldResult(result, StepResult::Ok);
-        }
-        if (!writer.write(*line)) {
-            LogMessage(Channels::bootloader(), LogError) << "Failed to write line";
-            result = StepResult::Failed;
-            break;
-        }
-    }
-    if (result != StepResult::Failed && (reader.failed() || !writer.finish())) {
-        LogMessage(Channels::bootloader(), LogError) << "Failed to write line";
-        result = StepResult::Failed;
-    }
-    const Wording& wording = kind == ConfigKind::Grub2 ? kGrub2Wording : kLegacyWording;
-    if (result == StepResult::Ok) {
-        if (!Tools::copyFile(temporary, file) || !file->flush())
-            LogMessage(Channels::bootloader(), LogError) << wording.copyBackFailed;
-    } else if (result == StepResult::NothingFound) {
-        LogMessage(Channels::bootloader(), LogDetail) << wording.nothingFound;
-    } else {
-        LogMessage(Channels::bootloader(), LogWarning) << wording.notWriting;
-    }
-    return result;
+        // The indentation stays as it was.
+        return rewritten == trimmed ? text : text.substr(0, text.size() - trimmed.size()) + rewritten;
+    };
+    // A failed copy back is logged and leaves the file's result as it was.
+    return Tools::rewriteTextFile(file, rewrite, Channels::bootloader(),
+                                  kind == ConfigKind::Grub2 ? kGrub2Wording : kLegacyWording,
+                                  Tools::CopyBackFailure::KeepsResult);
 }
 
 // A configuration file, or null: a missing one silently, any other failure with a log line.
@@ -231,9 +202,8 @@ StepResult adjustFileSystem(Platform::Filesys& fs, const Maps& maps)
     StepResult result = StepResult::NothingFound;
     if (const auto file = openConfig(fs, "/etc/default/grub"))
         result = foldResult(result, Tools::rewriteTextFile(
-                                        file, "/etc/default/grub",
-                                        [&](const std::string& line) { return defaultsLine(line, maps); },
-                                        Channels::bootloader()));
+                                        file, [&](const std::string& line) { return defaultsLine(line, maps); },
+                                        Channels::bootloader(), kDefaultsWording));
     for (const char* path : {"/boot/grub/grub.cfg", "/boot/grub2/grub.cfg", "/grub/grub.cfg", "/grub2/grub.cfg"}) {
         if (const auto file = openConfig(fs, path)) {
             LogMessage(Channels::bootloader(), LogDetail) << "Found grub 2 config at " << path;
@@ -304,12 +274,7 @@ StepResult adjustGrubCfg(Ref<Keeper> keeper)
         LogMessage(Channels::bootloader(), LogDetail) << "No fs id, partition id or linux disk id mappings found, ";
         return StepResult::NothingFound;
     }
-    StepResult result = StepResult::NothingFound;
-    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
-         partition = keeper->findNext(KindPartition, partition, 0))
-        if (const auto fs = Tools::getToFSItemFactory(keeper, partition, 1))
-            result = foldResult(result, adjustFileSystem(*fs, maps));
-    return result;
+    return Tools::foldTargetFileSystems(keeper, [&](Platform::Filesys& fs) { return adjustFileSystem(fs, maps); });
 }
 
 } // namespace Libraries::KRO::PostProcessing::Bootloader

@@ -118,9 +118,13 @@ StepResult adjustFileSystem(Platform::Filesys& fs, const Tools::IdMaps& maps)
         const auto file = Tools::openExistingFile(fs, path, Channels::linuxSys());
         if (!file)
             continue;
+        const std::string name = path;
+        const Tools::RewriteWording wording{"Failed to write changed " + name + " back to disk",
+                                            "Nothing found to adjust in " + name,
+                                            "Adjust failed, not writing updated " + name};
         result = foldResult(result, Tools::rewriteTextFile(
-                                        file, path, [&](const std::string& line) { return rewrite(line, maps); },
-                                        Channels::linuxSys()));
+                                        file, [&](const std::string& line) { return rewrite(line, maps); },
+                                        Channels::linuxSys(), wording));
     }
     return foldResult(result, adjustInitramfsImages(fs, maps));
 }
@@ -179,12 +183,7 @@ StepResult adjustBootReferences(Ref<Keeper> keeper)
         return StepResult::Failed;
     if (maps.empty())
         return StepResult::NothingFound;
-    StepResult result = StepResult::NothingFound;
-    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
-         partition = keeper->findNext(KindPartition, partition, 0))
-        if (const auto fs = Tools::getToFSItemFactory(keeper, partition, 1))
-            result = foldResult(result, adjustFileSystem(*fs, maps));
-    return result;
+    return Tools::foldTargetFileSystems(keeper, [&](Platform::Filesys& fs) { return adjustFileSystem(fs, maps); });
 }
 
 } // namespace Libraries::KRO::PostProcessing::Linux

@@ -4,6 +4,7 @@
 #include "platform/core/string_util.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/file_tools.h"
+#include "postprocessing/tools/text_rewrite.h"
 
 namespace Libraries::KRO::PostProcessing::Linux {
 
@@ -23,13 +24,10 @@ constexpr DeviceForm kForms[] = {
 Ref<Platform::File> openMountTable(Platform::Filesys& fs, std::string& where)
 {
     for (const char* path : {"/etc/fstab", "/fstab"}) {
-        Platform::Error::set(Platform::Error::None);
-        if (auto file = fs.openFile(path, Platform::OpenFlags::ReadWriteExisting)) {
+        if (auto file = Tools::openExistingFile(fs, path, Channels::linuxSys())) {
             where = path;
             return file;
         }
-        if (Platform::Error::get() != Platform::Error::PathNotFound)
-            LogMessage(Channels::linuxSys(), LogError) << "Could not open " << path << ": " << Platform::Error::get();
     }
     return {};
 }

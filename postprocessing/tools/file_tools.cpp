@@ -85,6 +85,16 @@ Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
     return fs;
 }
 
+StepResult foldTargetFileSystems(const Ref<Keeper>& keeper, const std::function<StepResult(Platform::Filesys&)>& fn)
+{
+    StepResult result = StepResult::NothingFound;
+    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
+         partition = keeper->findNext(KindPartition, partition, 0))
+        if (const auto fs = getToFSItemFactory(keeper, partition, 1))
+            result = foldResult(result, fn(*fs));
+    return result;
+}
+
 bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target)
 {
     constexpr std::size_t kBlock = 16384;

@@ -4,6 +4,8 @@
 #include "platform/fs/filesys.h"
 #include "postprocessing/keeper.h"
 
+#include <functional>
+
 namespace Libraries::KRO::PostProcessing {
 
 // A new temporary file "ppfstab_" plus 8 hex digits in the host temp folder, open for reading
@@ -16,6 +18,9 @@ namespace Tools {
 // named by the entry first, else the partition's target storage. mode is accepted as callers pass
 // it (always 1). Null when the partition has no usable file system.
 Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32 mode);
+
+// fn folded (foldResult) over the target file system of every partition entry that has one.
+StepResult foldTargetFileSystems(const Ref<Keeper>& keeper, const std::function<StepResult(Platform::Filesys&)>& fn);
 
 // Copies the whole of source over target (resized to fit) in 16 KiB blocks.
 bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target);

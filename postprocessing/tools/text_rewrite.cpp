@@ -7,8 +7,8 @@
 
 namespace Libraries::KRO::PostProcessing::Tools {
 
-StepResult rewriteTextFile(const Ref<Platform::File>& file, const std::string& path, const LineRewrite& rewrite,
-                           Platform::LogChannel channel)
+StepResult rewriteTextFile(const Ref<Platform::File>& file, const LineRewrite& rewrite, Platform::LogChannel channel,
+                           const RewriteWording& wording, CopyBackFailure onCopyBackFailure)
 {
     const auto temporary = createTempFile();
     if (!temporary)
@@ -19,22 +19,30 @@ StepResult rewriteTextFile(const Ref<Platform::File>& file, const std::string& p
     while (auto line = reader.next()) {
         std::string changed = rewrite(line->text);
         if (changed != line->text) {
-            LogMessage(channel, LogNotice) << "Replacing line " << line->text << " with " << changed << " in " << path;
+            LogMessage(channel, LogNotice) << "Replacing line " << line->text << " with " << changed;
             line->text = std::move(changed);
             result = StepResult::Ok;
         }
         if (!writer.write(*line)) {
-            LogMessage(channel, LogError) << "Failed to write line of " << path;
-            return StepResult::Failed;
+            LogMessage(channel, LogError) << "Failed to write line";
+            result = StepResult::Failed;
+            break;
         }
     }
-    if (reader.failed() || !writer.finish()) {
-        LogMessage(channel, LogError) << "Could not read " << path << " whole; not changing it";
-        return StepResult::Failed;
+    if (result != StepResult::Failed && (reader.failed() || !writer.finish())) {
+        LogMessage(channel, LogError) << "Failed to write line";
+        result = StepResult::Failed;
     }
-    if (result == StepResult::Ok && (!copyFile(temporary, file) || !file->flush())) {
-        LogMessage(channel, LogError) << "Failed to write changed " << path << " back to disk";
-        return StepResult::Failed;
+    if (result == StepResult::Ok) {
+        if (!copyFile(temporary, file) || !file->flush()) {
+            LogMessage(channel, LogError) << wording.copyBackFailed;
+            if (onCopyBackFailure == CopyBackFailure::Fails)
+                result = StepResult::Failed;
+        }
+    } else if (result == StepResult::NothingFound) {
+        LogMessage(channel, LogDetail) << wording.nothingFound;
+    } else {
+        LogMessage(channel, LogWarning) << wording.notWriting;
     }
     return result;
 }
