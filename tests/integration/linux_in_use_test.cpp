@@ -261,6 +261,10 @@ TEST_F(SwapInUse, EverythingNamingTheSwapFollowsItsNewUuid)
     EXPECT_EQ(
         trimmed(runTool({"blkid", "-p", "-O", std::to_string(kSwapStart * 512), "-o", "value", "-s", "TYPE", image})),
         "swap");
+    const std::string swapCopy = dir.file("swap.copy");
+    runTool({"dd", "if=" + image, "of=" + swapCopy, "bs=512", "skip=" + std::to_string(kSwapStart), "count=65536",
+             "status=none"});
+    EXPECT_EQ(trimmed(runTool({"swaplabel", swapCopy})), "UUID:  " + newSwap);
     const std::string signature = trimmed(runTool({"blkid", "-p", "-o", "value", "-s", "PTUUID", image})).substr(0, 8);
     ASSERT_NE(signature, "1a2b3c4d");
 
