@@ -8,6 +8,8 @@
 #include "postprocessing/tools/storage_resolution.h"
 #include "postprocessing/tools/text_rewrite.h"
 
+#include <vector>
+
 namespace Libraries::KRO::PostProcessing::Bootloader {
 
 namespace {
@@ -148,10 +150,6 @@ const Tools::RewriteWording kGrub2Wording{"Failed to write changed grub 2 config
 const Tools::RewriteWording kLegacyWording{"Failed to write changed fstab back to disk",
                                            "Nothing found to adjust in grub legacy configuration",
                                            "Adjust failed, not writing updated grub legacy configuration"};
-const Tools::RewriteWording kDefaultsWording{"Failed to write changed /etc/default/grub back to disk",
-                                             "Nothing found to adjust in /etc/default/grub",
-                                             "Adjust failed, not writing updated /etc/default/grub"};
-
 StepResult rewriteFile(const Ref<Platform::File>& file, ConfigKind kind, const Maps& maps)
 {
     const auto rewrite = [&](const std::string& text) {
@@ -197,13 +195,37 @@ std::string defaultsLine(const std::string& line, const Maps& maps)
     return line.substr(0, valueStart) + quote + rewritten + quote;
 }
 
-StepResult adjustFileSystem(Platform::Filesys& fs, const Maps& maps)
+StepResult rewriteDefaults(const Ref<Platform::File>& file, const std::string& path, const Maps& maps)
+{
+    const Tools::RewriteWording wording{"Failed to write changed " + path + " back to disk",
+                                        "Nothing found to adjust in " + path,
+                                        "Adjust failed, not writing updated " + path};
+    return Tools::rewriteTextFile(
+        file, [&](const std::string& line) { return defaultsLine(line, maps); }, Channels::bootloader(), wording);
+}
+
+// /etc/default/grub and the snippets of /etc/default/grub.d that update-grub reads after it.
+StepResult adjustDefaults(Platform::Filesys& fs, const Maps& maps)
 {
     StepResult result = StepResult::NothingFound;
     if (const auto file = openConfig(fs, "/etc/default/grub"))
-        result = foldResult(result, Tools::rewriteTextFile(
-                                        file, [&](const std::string& line) { return defaultsLine(line, maps); },
-                                        Channels::bootloader(), kDefaultsWording));
+        result = foldResult(result, rewriteDefaults(file, "/etc/default/grub", maps));
+    if (const auto snippets = fs.openDirectory("/etc/default/grub.d")) {
+        std::vector<std::string> names;
+        for (Platform::DirectoryEntry entry; snippets->next(entry);)
+            if (entry.type != 1 && StringUtil::endsWith(entry.name, ".cfg"))
+                names.push_back(entry.name);
+        for (const auto& name : names)
+            if (const auto file = openConfig(fs, "/etc/default/grub.d/" + name))
+                result = foldResult(result, rewriteDefaults(file, "/etc/default/grub.d/" + name, maps));
+    }
+    return result;
+}
+
+StepResult adjustFileSystem(Platform::Filesys& fs, const Maps& maps)
+{
+    StepResult result = StepResult::NothingFound;
+    result = foldResult(result, adjustDefaults(fs, maps));
     for (const char* path : {"/boot/grub/grub.cfg", "/boot/grub2/grub.cfg", "/grub/grub.cfg", "/grub2/grub.cfg"}) {
         if (const auto file = openConfig(fs, path)) {
             LogMessage(Channels::bootloader(), LogDetail) << "Found grub 2 config at " << path;

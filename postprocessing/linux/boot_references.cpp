@@ -34,6 +34,20 @@ std::string rewriteFstabDeviceLine(const std::string& line, const Tools::IdMaps&
                                [&](const std::string& word) { return Tools::rewriteDeviceReference(word, maps); });
 }
 
+// root= and resume= among kernel options.
+std::string rewriteKernelOptionsLine(const std::string& line, const Tools::IdMaps& maps)
+{
+    if (isComment(line))
+        return line;
+    const auto everyWord = [](std::size_t) { return true; };
+    return Tools::rewriteWords(line, everyWord, [&](const std::string& word) {
+        for (const std::string key : {"root=", "resume="})
+            if (StringUtil::startsWith(word, key))
+                return key + Tools::rewriteDeviceReference(word.substr(key.size()), maps);
+        return word;
+    });
+}
+
 // The image's names: Debian's and Ubuntu's initrd.img-VERSION, and initramfs-VERSION.img.
 bool isInitramfsName(const std::string& name)
 {
@@ -164,6 +178,8 @@ std::optional<std::string> rewriteInitramfsMember(const std::string& name, std::
         rewrite = rewriteCrypttabLine;
     else if (name == "etc/fstab")
         rewrite = rewriteFstabDeviceLine;
+    else if (StringUtil::startsWith(name, "etc/cmdline.d/")) // kernel options baked in by dracut
+        rewrite = rewriteKernelOptionsLine;
     if (!rewrite)
         return std::nullopt;
     return Tools::rewriteText(content, [&](const std::string& line) { return rewrite(line, maps); });

@@ -199,6 +199,8 @@ protected:
                                       "swap,cipher=aes-xts-plain64\n");
         write(tree + "/etc/default/grub", "GRUB_DEFAULT=0\nGRUB_CMDLINE_LINUX_DEFAULT=\"quiet resume=UUID=" + swapUuid +
                                               "\"\nGRUB_CMDLINE_LINUX=\"\"\n");
+        write(tree + "/etc/default/grub.d/50-resume.cfg",
+              "GRUB_CMDLINE_LINUX=\"$GRUB_CMDLINE_LINUX resume=/dev/disk/by-uuid/" + swapUuid + "\"\n");
         write(tree + "/boot/grub/grub.cfg", "menuentry 'Debian' {\n\tlinux /boot/vmlinuz root=UUID=" + rootUuid +
                                                 " ro resume=UUID=" + swapUuid + " quiet\n}\n");
         makeArchives();
@@ -277,6 +279,8 @@ TEST_F(SwapInUse, EverythingNamingTheSwapFollowsItsNewUuid)
     EXPECT_EQ(debugfsCat(kRootStart, "/etc/default/grub"),
               "GRUB_DEFAULT=0\nGRUB_CMDLINE_LINUX_DEFAULT=\"quiet resume=UUID=" + newSwap +
                   "\"\nGRUB_CMDLINE_LINUX=\"\"\n");
+    EXPECT_EQ(debugfsCat(kRootStart, "/etc/default/grub.d/50-resume.cfg"),
+              "GRUB_CMDLINE_LINUX=\"$GRUB_CMDLINE_LINUX resume=/dev/disk/by-uuid/" + newSwap + "\"\n");
     EXPECT_EQ(debugfsCat(kRootStart, "/boot/grub/grub.cfg"),
               "menuentry 'Debian' {\n\tlinux /boot/vmlinuz root=UUID=" + newRoot + " ro resume=UUID=" + newSwap +
                   " quiet\n}\n");

@@ -53,6 +53,9 @@ TEST(BootReferences, InitramfsMembersAreChosenByWhatTheyConfigure)
               "cswap PARTUUID=5e6f7a8b-02 none swap");
     EXPECT_EQ(rewriteInitramfsMember("etc/fstab", "UUID=c0ffee00-1234-4abc-8def-0123456789ab none swap sw 0 0\n", ids),
               "UUID=0badf00d-5678-4def-9abc-ba9876543210 none swap sw 0 0\n");
+    EXPECT_EQ(rewriteInitramfsMember("etc/cmdline.d/90resume.conf",
+                                     " resume=UUID=c0ffee00-1234-4abc-8def-0123456789ab rd.shell=0\n", ids),
+              " resume=UUID=0badf00d-5678-4def-9abc-ba9876543210 rd.shell=0\n");
     // Scripts and binaries are never edited, even when they hold an id; nor is unchanged content.
     EXPECT_FALSE(rewriteInitramfsMember("scripts/local-premount/resume", resume, ids));
     EXPECT_FALSE(rewriteInitramfsMember("conf/conf.d/resume", "RESUME=none\n", ids));
