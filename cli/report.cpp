@@ -4,6 +4,7 @@
 #include "platform/core/bytes.h"
 #include "platform/core/string_util.h"
 #include "platform/partman/partition.h"
+#include "postprocessing/not_applied_id.h"
 #include "postprocessing/pipeline.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/tools/format_fs_id.h"
@@ -62,9 +63,12 @@ std::vector<Mapping> recordedMappings(const PP::Keeper& keeper)
 {
     std::vector<Mapping> mappings;
     for (PP::u64 kind : {PP::KindDiskIdChange, PP::KindPartitionUuidChange, PP::KindVolumeIdChange})
-        for (PP::u64 index = keeper.findNext(kind, 0, 0); index != 0; index = keeper.findNext(kind, index, 0))
+        for (PP::u64 index = keeper.findNext(kind, 0, 0); index != 0; index = keeper.findNext(kind, index, 0)) {
+            const auto notApplied = Platform::refCast<PP::NotAppliedId>(keeper.getToObject(index));
+            const PP::ObjectRef newId = notApplied ? PP::ObjectRef(notApplied->attempted()) : keeper.getToObject(index);
             mappings.push_back({kind, keeper.getId(index), idText(kind, keeper.getFromObject(index)),
-                                idText(kind, keeper.getToObject(index))});
+                                idText(kind, newId), !notApplied});
+        }
     return mappings;
 }
 
@@ -80,7 +84,7 @@ std::string textReport(const PP::Keeper& keeper)
     for (const auto& mapping : mappings)
         text += "  " + std::to_string(mapping.kind) + "  " + std::to_string(mapping.entry) + "  " +
                 (mapping.oldId.empty() ? "-" : mapping.oldId) + " -> " + (mapping.newId.empty() ? "-" : mapping.newId) +
-                "\n";
+                (mapping.applied ? "" : "  (not applied: the write failed)") + "\n";
     return text;
 }
 
@@ -101,7 +105,8 @@ std::string jsonReport(const PP::Keeper& keeper)
             {{"kind", mapping.kind},
              {"entry", mapping.entry},
              {"old", mapping.oldId.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(mapping.oldId)},
-             {"new", mapping.newId}});
+             {"new", mapping.newId},
+             {"applied", mapping.applied}});
     return nlohmann::ordered_json{{"steps", steps}, {"mappings", mappings}}.dump(2) + "\n";
 }
 

@@ -13,6 +13,7 @@ struct Mapping {
     std::uint64_t entry; // the disk or partition entry the change belongs to
     std::string oldId;   // empty when the step recorded no old id
     std::string newId;
+    bool applied = true; // false when the write of the new id failed: the disk has the old one
 };
 
 // The kind-5 (disk id), kind-9 (partition UUID) and kind-13 (volume id) changes, in keeper order.

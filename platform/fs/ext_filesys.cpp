@@ -83,6 +83,7 @@ Ref<ExtFilesys> ExtFilesys::open(Ref<Interfaces::Storage> storage, bool readOnly
 {
     auto fs = std::make_unique<ExtFileSystem>(std::move(storage), readOnly ? 0 : EXT2_FLAG_RW);
     if (!*fs) {
+        LogMessage(channel(), LogError) << "The ext file system is refused: " << fs->openProblem();
         Error::set(std::uint32_t(fs->openError()));
         return {};
     }
@@ -101,6 +102,8 @@ ExtFilesys::~ExtFilesys()
 
 bool ExtFilesys::failWith(errcode_t code)
 {
+    if (code != EXT2_ET_FILE_NOT_FOUND)
+        LogMessage(channel(), LogError) << "ext: " << extErrorText(code);
     Error::set(code == EXT2_ET_FILE_NOT_FOUND ? Error::PathNotFound : std::uint32_t(code));
     return false;
 }

@@ -1,6 +1,8 @@
 #include "platform/fs/ext_io_manager.h"
 
+#include "platform/fs/ext_superblock_check.h"
 #include "platform/storage/byte_io.h"
+
 #include <cerrno>
 #include <cstring>
 
@@ -159,11 +161,28 @@ ExtFileSystem::ExtFileSystem(Ref<Interfaces::Storage> storage, int flags)
     {
         std::lock_guard guard(registryLock);
         name_ = "storage-" + std::to_string(nextName++);
-        registry[name_] = std::move(storage);
+        registry[name_] = storage;
+    }
+    const auto superblock = readBytes(*storage, 1024, 1024);
+    openProblem_ = superblock.empty()
+                       ? "the superblock cannot be read"
+                       : extSuperblockProblem(superblock, storage->elementCount() * storage->elementSize());
+    if (!openProblem_.empty()) {
+        openError_ = EXT2_ET_CORRUPT_SUPERBLOCK;
+        return;
     }
     openError_ = ext2fs_open2(name_.c_str(), nullptr, flags | EXT2_FLAG_64BITS, 0, 0, &storageManager, &fs_);
-    if (openError_)
+    if (!openError_ && !(flags & EXT2_FLAG_SUPER_ONLY))
+        if ((openError_ = ext2fs_check_desc(fs_)))
+            openProblem_ = "the group descriptors are damaged (" + extErrorText(openError_) +
+                           "); run e2fsck -f, which repairs them from a backup";
+    if (openError_) {
+        if (fs_)
+            ext2fs_free(fs_);
         fs_ = nullptr;
+        if (openProblem_.empty())
+            openProblem_ = extErrorText(openError_);
+    }
 }
 
 errcode_t ExtFileSystem::close()

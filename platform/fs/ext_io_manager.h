@@ -11,7 +11,9 @@ namespace Platform {
 
 class ExtFileSystem {
 public:
-    // flags: EXT2_FLAG_* for ext2fs_open2 (EXT2_FLAG_64BITS is always added).
+    // flags: EXT2_FLAG_* for ext2fs_open2 (EXT2_FLAG_64BITS is always added). The superblock
+    // must pass e2fsck's sanity rules and, unless only the superblock is read, the group
+    // descriptors libext2fs' own placement checks, before the file system counts as open.
     ExtFileSystem(Ref<Interfaces::Storage> storage, int flags);
     ~ExtFileSystem();
     ExtFileSystem(const ExtFileSystem&) = delete;
@@ -20,6 +22,8 @@ public:
     ext2_filsys get() const { return fs_; }
     explicit operator bool() const { return fs_ != nullptr; }
     errcode_t openError() const { return openError_; }
+    // Why the file system was refused, in words: our own checks, or libext2fs' error text.
+    const std::string& openProblem() const { return openProblem_; }
     // Flushes and closes; the libext2fs error code, 0 on success.
     errcode_t close();
 
@@ -27,6 +31,7 @@ private:
     std::string name_;
     ext2_filsys fs_ = nullptr;
     errcode_t openError_ = 0;
+    std::string openProblem_;
 };
 
 // The text of a libext2fs error code.

@@ -33,21 +33,6 @@ std::string damaged(const std::string& what)
     return what + " does not match its checksum: the file system is damaged; run e2fsck -f first";
 }
 
-// From the superblock alone: with a checksum seed, or with no checksums that involve the UUID,
-// a new UUID changes nothing but the superblocks.
-bool onlySuperblocksChange(Interfaces::Storage& storage)
-{
-    constexpr std::size_t kIncompat = 0x60, kRoCompat = 0x64;
-    constexpr std::uint32_t kIncompatCsumSeed = 0x2000, kRoCompatGdtCsum = 0x10, kRoCompatMetadataCsum = 0x400;
-    const auto super = readBytes(storage, 1024, 1024);
-    if (super.empty())
-        return false;
-    ByteView view(super);
-    if (view.u32(kIncompat) & kIncompatCsumSeed)
-        return true;
-    return !(view.u32(kRoCompat) & (kRoCompatGdtCsum | kRoCompatMetadataCsum));
-}
-
 // Group descriptors are checked against the UUID they were written with before anything is
 // derived from them: a damaged primary must not be copied into the backups.
 std::string verifyGroupDescriptors(ext2_filsys fs)
@@ -352,13 +337,13 @@ private:
 bool changeExtUuid(const Ref<Interfaces::Storage>& storage, std::span<const std::uint8_t> id, std::string& error)
 {
     // The whole change is worked out on a staging layer and reaches the disk only when complete.
-    // Where only the superblocks change, the group descriptors are not even read.
+    // The group descriptors are read and checked even where only the superblocks change: a file
+    // system whose descriptors are damaged is not touched at all.
     const auto staging = makeRef<StagingStorage>(storage);
-    ExtFileSystem fs(staging, EXT2_FLAG_RW | (onlySuperblocksChange(*storage) ? EXT2_FLAG_SUPER_ONLY : 0));
+    ExtFileSystem fs(staging, EXT2_FLAG_RW);
     if (!fs) {
-        error = fs.openError() == EXT2_ET_SB_CSUM_INVALID
-                    ? damaged("the superblock")
-                    : "cannot open the file system: " + extErrorText(fs.openError());
+        error = fs.openError() == EXT2_ET_SB_CSUM_INVALID ? damaged("the superblock")
+                                                          : "cannot open the file system: " + fs.openProblem();
         return false;
     }
     ext2_filsys handle = fs.get();

@@ -12,6 +12,12 @@
 
 namespace Platform {
 
+LogChannel Filesys::channel()
+{
+    static const LogChannel registered = SysLogFilter::reg("Filesys");
+    return registered;
+}
+
 Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, bool readOnly)
 {
     struct stat info {};

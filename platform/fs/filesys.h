@@ -5,6 +5,7 @@
 // Platform::Error set (32 when a path does not exist).
 
 #include "platform/core/ref.h"
+#include "platform/log/log.h"
 #include "platform/storage/storage.h"
 
 #include <cstdint>
@@ -62,6 +63,9 @@ public:
     virtual bool removeFile(const std::string& path) = 0;
     virtual bool flush() = 0;
     virtual bool readOnly() const = 0;
+
+    // Where the facades say why they refuse a file system or an operation.
+    static LogChannel channel();
 };
 
 } // namespace Platform

@@ -33,7 +33,7 @@ namespace Platform {
 
 namespace {
 
-LogChannel channel()
+LogChannel ntfsChannel()
 {
     static const LogChannel registered = SysLogFilter::reg("NTFS");
     return registered;
@@ -304,7 +304,7 @@ Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, bool readOn
         // Hibernated, or a log Windows did not close: look, but do not touch.
         mount = tryMount(NTFS_MNT_RDONLY);
         if (mount)
-            LogMessage(channel(), LogWarning)
+            LogMessage(ntfsChannel(), LogWarning)
                 << "The NTFS volume is hibernated or was not shut down cleanly; it is open read-only";
     }
     if (!mount) {

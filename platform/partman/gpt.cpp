@@ -70,6 +70,8 @@ std::optional<GuidPartitionTable::Copy> GuidPartitionTable::readCopy(std::uint64
     else if (entrySize < E::kMinimumSize || entrySize % 8 != 0 || count == 0 ||
              std::uint64_t(count) * entrySize > kMaxEntryBytes)
         problem = "has an impossible entry array size";
+    if (!problem)
+        problem = layoutProblem(copy.header, headerLba);
     if (!problem) {
         const std::uint64_t bytes = std::uint64_t(count) * entrySize;
         const std::uint64_t sectors = (bytes + copy.header.size() - 1) / copy.header.size();
@@ -83,6 +85,33 @@ std::optional<GuidPartitionTable::Copy> GuidPartitionTable::readCopy(std::uint64
         return std::nullopt;
     }
     return copy;
+}
+
+// Where the header puts its entry array and the usable area, checked as gdisk checks a header:
+// an array that reaches into the usable area would be written over partition data.
+const char* GuidPartitionTable::layoutProblem(std::span<const std::uint8_t> header, std::uint64_t headerLba) const
+{
+    ByteView view(header);
+    const std::uint64_t firstUsable = view.u64(H::kFirstUsableLba);
+    const std::uint64_t lastUsable = view.u64(H::kLastUsableLba);
+    const std::uint64_t entriesLba = view.u64(H::kEntriesLba);
+    const std::uint64_t sectorSize = storage_->elementSize();
+    const std::uint64_t arraySectors =
+        (std::uint64_t(view.u32(H::kEntryCount)) * view.u32(H::kEntrySize) + sectorSize - 1) / sectorSize;
+    const bool primary = headerLba == 1;
+    if (firstUsable > lastUsable || firstUsable < 2)
+        return "has an impossible usable area";
+    if (lastUsable >= storage_->elementCount())
+        return "has a usable area past the end of the disk";
+    if (entriesLba < 2 || entriesLba == headerLba || entriesLba > storage_->elementCount() - arraySectors)
+        return "has its entry array off the disk or on a header";
+    const bool arrayBeforeUsable = entriesLba + arraySectors <= firstUsable;
+    const bool arrayAfterUsable = entriesLba > lastUsable;
+    if (primary ? !arrayBeforeUsable : !arrayAfterUsable)
+        return "has its entry array inside the usable area";
+    if (!primary && entriesLba + arraySectors > headerLba)
+        return "has its entry array over its header";
+    return nullptr;
 }
 
 bool GuidPartitionTable::load(std::vector<std::uint8_t> protectiveMbr)

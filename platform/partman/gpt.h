@@ -32,6 +32,7 @@ private:
 
     bool load(std::vector<std::uint8_t> protectiveMbr);
     std::optional<Copy> readCopy(std::uint64_t headerLba, const char* which) const;
+    const char* layoutProblem(std::span<const std::uint8_t> header, std::uint64_t headerLba) const;
     bool loadPartitions();
     std::uint64_t entriesSectors() const;
     std::vector<std::uint8_t> buildEntries() const;

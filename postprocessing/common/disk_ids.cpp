@@ -5,6 +5,7 @@
 #include "platform/core/string_util.h"
 #include "platform/partman/partition_manager.h"
 #include "postprocessing/log_channels.h"
+#include "postprocessing/not_applied_id.h"
 #include "postprocessing/tools/format_fs_id.h"
 #include "postprocessing/tools/storage_resolution.h"
 #include "postprocessing/tools/uuid_helper.h"
@@ -60,6 +61,8 @@ struct DiskPass {
     Guid newDiskUuid{}; // zero unless this pass changed a GPT disk id
     bool diskChanged = false;
     bool partitionsChanged = false;
+    bool commitFailed = false;
+    std::vector<u64> recordedPartitions; // kind-9 entries written by this pass
 };
 
 class DiskIdChange {
@@ -83,8 +86,9 @@ private:
     void rederiveMbrPartitions(DiskPass& pass, PartitionManager& table, const std::vector<Guid>& oldUuids,
                                u32 signature);
     u64 matchPartition(u64 disk, std::size_t index, u64 start) const;
-    void recordPartition(u64 disk, u64 entry, const Guid& oldUuid, const Guid& newUuid, u64 start);
+    void recordPartition(DiskPass& pass, u64 entry, const Guid& oldUuid, const Guid& newUuid, u64 start);
     void commit(DiskPass& pass, PartitionManager& table);
+    void markNotApplied(DiskPass& pass);
     StepResult finish();
 
     Ref<Keeper> keeper_;
@@ -146,7 +150,10 @@ DiskIdChange::Flow DiskIdChange::handleDisk(DiskPass& pass)
     if (flow != Flow::Next)
         return flow;
 
-    keeper_->addObjectEntry(KindDiskIdChange, pass.fromId, pass.targetId, pass.disk, pass.mappingEntry);
+    ObjectRef target = pass.targetId;
+    if (pass.commitFailed && pass.diskChanged)
+        target = makeRef<NotAppliedId>(pass.targetId);
+    keeper_->addObjectEntry(KindDiskIdChange, pass.fromId, target, pass.disk, pass.mappingEntry);
     keeper_->setSucceeded(StepDiskIds, pass.change);
     return Flow::Next;
 }
@@ -291,7 +298,7 @@ DiskIdChange::Flow DiskIdChange::changeGptPartitions(DiskPass& pass, PartitionMa
         usedPartitionIds_.insert(newUuid);
         partition->setUUID(newUuid);
         pass.partitionsChanged = true;
-        recordPartition(pass.disk, entry, oldUuid, newUuid, partition->start());
+        recordPartition(pass, entry, oldUuid, newUuid, partition->start());
     }
     partitionStatus_ = foldResult(partitionStatus_, StepResult::Ok);
     return Flow::Next;
@@ -299,16 +306,18 @@ DiskIdChange::Flow DiskIdChange::changeGptPartitions(DiskPass& pass, PartitionMa
 
 // Writes the kind-9 change of one partition: on its entry (replacing a custom target there), or
 // on the disk when no entry matched.
-void DiskIdChange::recordPartition(u64 disk, u64 entry, const Guid& oldUuid, const Guid& newUuid, u64 start)
+void DiskIdChange::recordPartition(DiskPass& pass, u64 entry, const Guid& oldUuid, const Guid& newUuid, u64 start)
 {
     if (entry != 0) {
         const u64 existing = keeper_->findNext(KindPartitionUuidChange, 0, entry);
-        keeper_->addObjectEntry(KindPartitionUuidChange, bytesOf(oldUuid), bytesOf(newUuid), entry, existing);
+        pass.recordedPartitions.push_back(
+            keeper_->addObjectEntry(KindPartitionUuidChange, bytesOf(oldUuid), bytesOf(newUuid), entry, existing));
         return;
     }
     LogMessage(Channels::common(), LogDetail)
         << "No entry found for partition " << uuidText(oldUuid) << " with offset " << start;
-    keeper_->addObjectEntry(KindPartitionUuidChange, bytesOf(oldUuid), bytesOf(newUuid), disk, 0);
+    pass.recordedPartitions.push_back(
+        keeper_->addObjectEntry(KindPartitionUuidChange, bytesOf(oldUuid), bytesOf(newUuid), pass.disk, 0));
 }
 
 DiskIdChange::Flow DiskIdChange::handleMbr(DiskPass& pass, PartitionManager& table)
@@ -356,6 +365,7 @@ DiskIdChange::Flow DiskIdChange::handleMbr(DiskPass& pass, PartitionManager& tab
     if (code != 0) {
         LogMessage(Channels::common(), LogError) << "Partition manager commit failed with " << code;
         diskStatus_ = StepResult::Failed;
+        markNotApplied(pass);
     } else {
         diskStatus_ = foldResult(diskStatus_, StepResult::Ok);
     }
@@ -380,7 +390,7 @@ void DiskIdChange::rederiveMbrPartitions(DiskPass& pass, PartitionManager& table
         LogMessage(Channels::common(), LogNotice) << "Setting partition with New Offset: " << uuidText(newUuid);
         LogMessage(Channels::common(), LogNotice) << "From old offset:                   " << uuidText(oldUuids[i]);
         partition->setUUID(newUuid);
-        recordPartition(pass.disk, entry, oldUuids[i], newUuid, partition->start());
+        recordPartition(pass, entry, oldUuids[i], newUuid, partition->start());
     }
 }
 
@@ -394,6 +404,18 @@ void DiskIdChange::commit(DiskPass& pass, PartitionManager& table)
         diskStatus_ = StepResult::Failed;
     if (pass.partitionsChanged)
         partitionStatus_ = StepResult::Failed;
+    markNotApplied(pass);
+}
+
+// The table on disk still has the old ids: no later step may write the new ones into a file.
+void DiskIdChange::markNotApplied(DiskPass& pass)
+{
+    pass.commitFailed = true;
+    for (const u64 entry : pass.recordedPartitions) {
+        const auto attempted = bytesOf(keeper_->getToObject(entry));
+        keeper_->addObjectEntry(KindPartitionUuidChange, keeper_->getFromObject(entry),
+                                makeRef<NotAppliedId>(attempted), keeper_->getId(entry), entry);
+    }
 }
 
 StepResult DiskIdChange::finish()
