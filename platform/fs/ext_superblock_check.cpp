@@ -58,7 +58,8 @@ std::string extSuperblockProblem(std::span<const std::uint8_t> superblock, std::
     const std::uint64_t blockSize = 1024ULL << logBlockSize;
     const bool wide = view.u32(kFeatureIncompat) & kIncompat64Bit;
     const bool bigalloc = view.u32(kFeatureRoCompat) & kRoCompatBigalloc;
-    const std::uint64_t blocks = view.u32(kBlocksCountLow) | (wide ? std::uint64_t(view.u32(kBlocksCountHigh)) << 32 : 0);
+    const std::uint64_t blocks =
+        view.u32(kBlocksCountLow) | (wide ? std::uint64_t(view.u32(kBlocksCountHigh)) << 32 : 0);
     if (blocks == 0 || blocks > storageBytes / blockSize)
         return wrong("the block count", blocks, "more than the partition holds or none");
     const std::uint64_t reserved =
@@ -77,7 +78,8 @@ std::string extSuperblockProblem(std::span<const std::uint8_t> superblock, std::
         if (logClusterSize < logBlockSize || logClusterSize > logBlockSize + 16)
             return wrong("the cluster size exponent", logClusterSize, "not a block size multiple it can be");
         if (view.u32(kClustersPerGroup) == 0 || view.u32(kClustersPerGroup) > bitsPerBlock)
-            return wrong("clusters per group", view.u32(kClustersPerGroup), "outside 1.." + std::to_string(bitsPerBlock));
+            return wrong("clusters per group", view.u32(kClustersPerGroup),
+                         "outside 1.." + std::to_string(bitsPerBlock));
     } else if (blocksPerGroup < 8 || blocksPerGroup > bitsPerBlock) {
         return wrong("blocks per group", blocksPerGroup, "outside 8.." + std::to_string(bitsPerBlock));
     }
@@ -107,7 +109,8 @@ std::string extSuperblockProblem(std::span<const std::uint8_t> superblock, std::
     if (reservedGdt > blockSize / 4)
         return wrong("the reserved GDT block count", reservedGdt, "more than " + std::to_string(blockSize / 4));
     if (wide && !powerOfTwoBetween(view.u16(kDescriptorSize), 64, blockSize))
-        return wrong("the group descriptor size", view.u16(kDescriptorSize), "not a power of two from 64 to the block size");
+        return wrong("the group descriptor size", view.u16(kDescriptorSize),
+                     "not a power of two from 64 to the block size");
     if ((view.u32(kFeatureIncompat) & kIncompatFlexBg) && view.u8(kLogGroupsPerFlex) > 31)
         return wrong("the flex group exponent", view.u8(kLogGroupsPerFlex), "at most 31");
     return {};

@@ -3,6 +3,7 @@
 #include "platform/core/bytes.h"
 #include "platform/partman/layout.h"
 
+#include <algorithm>
 #include <set>
 
 namespace Platform {
@@ -88,8 +89,38 @@ bool MbrPartitionTable::load(std::vector<std::uint8_t> sector0)
                 return false;
             continue;
         }
-        if (!walkLogicals(view.u32(at + L::MbrEntry::kLbaStart), view.u32(at + L::MbrEntry::kSectorCount)))
+        extendedStart_ = view.u32(at + L::MbrEntry::kLbaStart);
+        extendedSize_ = view.u32(at + L::MbrEntry::kSectorCount);
+        if (!walkLogicals(extendedStart_, extendedSize_))
             return false;
+    }
+    return layoutFits();
+}
+
+// Partitions that share sectors, primaries inside the extended partition or logical ones outside
+// it: fdisk calls such a table broken, and writing to one partition would write into another.
+bool MbrPartitionTable::layoutFits() const
+{
+    std::vector<Ref<Partition>> sorted(partitions_.begin(), partitions_.end());
+    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a->start() < b->start(); });
+    for (std::size_t i = 1; i < sorted.size(); ++i)
+        if (sorted[i]->start() < sorted[i - 1]->start() + sorted[i - 1]->size()) {
+            LogMessage(channel(), LogError) << "Partitions " << sorted[i - 1]->entryIndex() + 1 << " and "
+                                            << sorted[i]->entryIndex() + 1 << " overlap";
+            return false;
+        }
+    const std::uint64_t extendedEnd = extendedStart_ + extendedSize_;
+    for (const auto& partition : partitions_) {
+        const bool logical = partition->entryIndex() >= L::Mbr::kEntryCount;
+        const bool inside =
+            partition->start() >= extendedStart_ && partition->start() + partition->size() <= extendedEnd;
+        const bool outside =
+            partition->start() >= extendedEnd || partition->start() + partition->size() <= extendedStart_;
+        if (extendedSize_ != 0 && (logical ? !inside : !outside)) {
+            LogMessage(channel(), LogError) << "Partition " << partition->entryIndex() + 1
+                                            << (logical ? " lies outside" : " overlaps") << " the extended partition";
+            return false;
+        }
     }
     return true;
 }
@@ -145,8 +176,13 @@ bool MbrPartitionTable::walkLogicals(std::uint64_t extendedStart, std::uint64_t 
             return false;
         const std::uint8_t nextType = view.u8(entryOffset(1) + L::MbrEntry::kType);
         const std::uint64_t next = view.u32(entryOffset(1) + L::MbrEntry::kLbaStart);
-        if (!isExtended(nextType) || next == 0)
+        if (!isExtended(nextType))
             break;
+        // A link of offset 0 points back at the first record of the chain.
+        if (next == 0 || visited.count(extendedStart + next)) {
+            LogMessage(channel(), LogError) << "The chain of extended boot records loops at sector " << ebr;
+            return false;
+        }
         if (next >= extendedSize) {
             LogMessage(channel(), LogError)
                 << "Extended boot record at sector " << ebr << " links outside the extended partition";

@@ -33,9 +33,12 @@ private:
     bool load(std::vector<std::uint8_t> sector0);
     bool addEntry(std::uint32_t index, std::uint64_t sectorLba, std::size_t offset, std::uint64_t base);
     bool walkLogicals(std::uint64_t extendedStart, std::uint64_t extendedSize);
+    bool layoutFits() const;
     void patchEntry(std::vector<std::uint8_t>& sector, std::size_t offset, const Partition& partition) const;
 
     std::uint32_t signature_ = 0;
+    std::uint64_t extendedStart_ = 0; // the extended partition, when there is one
+    std::uint64_t extendedSize_ = 0;
     std::map<std::uint64_t, std::vector<std::uint8_t>> sectors_; // as read: sector 0 and every EBR
     std::vector<EntryPlace> places_;                             // parallel to partitions_
 };

@@ -79,14 +79,23 @@ TEST_F(Refusals, ExtStructuresLibext2fsCannotTrustAreNeverHandedToIt)
     };
     const std::vector<Case> cases{
         {"first data block 2049", {"mkfs.ext2", "-q", "-F", "-b", "1024"}, 1024 + 0x14, le32(2049), "first data block"},
-        {"first data block 100", {"mkfs.ext4", "-q", "-F", "-b", "1024", "-O", "^metadata_csum"}, 1024 + 0x14,
-         le32(100), "first data block"},
+        {"first data block 100",
+         {"mkfs.ext4", "-q", "-F", "-b", "1024", "-O", "^metadata_csum"},
+         1024 + 0x14,
+         le32(100),
+         "first data block"},
         // e2fsck falls back to a backup here; copying this primary over the backups would lose them.
-        {"reserved GDT blocks 65535", {"mkfs.ext2", "-q", "-F", "-b", "1024"}, 1024 + 0xCE, {0xFF, 0xFF},
+        {"reserved GDT blocks 65535",
+         {"mkfs.ext2", "-q", "-F", "-b", "1024"},
+         1024 + 0xCE,
+         {0xFF, 0xFF},
          "reserved GDT block count"},
         {"first inode 0", {"mkfs.ext4", "-q", "-F", "-O", "^metadata_csum"}, 1024 + 0x54, le32(0), "first inode"},
         // Group 0's block bitmap said to lie on the superblock: allocations would land there.
-        {"block bitmap on the superblock", {"mkfs.ext2", "-q", "-F", "-b", "1024"}, 2048, le32(1),
+        {"block bitmap on the superblock",
+         {"mkfs.ext2", "-q", "-F", "-b", "1024"},
+         2048,
+         le32(1),
          "group descriptors are damaged"},
     };
     for (const auto& c : cases) {
@@ -103,8 +112,9 @@ TEST_F(Refusals, ExtStructuresLibext2fsCannotTrustAreNeverHandedToIt)
         EXPECT_NE(result.err.find("run e2fsck -f"), std::string::npos) << c.name;
 
         std::ofstream(dir.file("local")) << "content";
-        for (const std::vector<std::string>& command :
-             {std::vector<std::string>{"mkdir", "/new"}, {"put", "/new-file", dir.file("local")}, {"rm", "/lost+found"}}) {
+        for (const std::vector<std::string>& command : {std::vector<std::string>{"mkdir", "/new"},
+                                                        {"put", "/new-file", dir.file("local")},
+                                                        {"rm", "/lost+found"}}) {
             std::vector<std::string> argv{POSTCLONE_BINARY, "fs", command[0], image, "1", command[1]};
             if (command.size() > 2)
                 argv.push_back(command[2]);
@@ -151,8 +161,8 @@ TEST_F(Refusals, IdsThatNeverReachedTheDiskAreNotWrittenIntoFiles)
     const std::string partGuid = "7C44D1F2-2222-4E9A-8C61-2B3D4E5F6071";
     const std::string fsUuid = "3f1e2d4c-5b6a-4978-8a9b-0c1d2e3f4a5b";
     std::filesystem::create_directories(dir.file("root/etc"));
-    std::ofstream(dir.file("root/etc/fstab")) << "PARTUUID=" << partGuid << " / ext4 defaults 0 1\nUUID=" << fsUuid
-                                              << " /same ext4 defaults 0 2\n";
+    std::ofstream(dir.file("root/etc/fstab"))
+        << "PARTUUID=" << partGuid << " / ext4 defaults 0 1\nUUID=" << fsUuid << " /same ext4 defaults 0 2\n";
     const std::string part = dir.file("part");
     TestSupport::createImage(part, 32 << 20);
     runTool({"mkfs.ext4", "-q", "-F", "-U", fsUuid, "-d", dir.file("root"), part});

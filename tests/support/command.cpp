@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sstream>
 #include <sys/wait.h>
@@ -46,7 +47,12 @@ CommandResult run(const std::vector<std::string>& argv)
         return {-1, {}, "could not start " + argv[0]};
     int status = 0;
     waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(outPath), slurp(errPath)};
+    CommandResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(outPath), slurp(errPath)};
+    // `make asan` gives sanitizer reports exit codes of their own: a memory error in a program
+    // under test fails the test whatever exit code the test expected.
+    if (result.exitCode == kAddressSanitizerExit || result.exitCode == kUndefinedSanitizerExit)
+        ADD_FAILURE() << "sanitizer report from " << argv[0] << ":\n" << result.err;
+    return result;
 }
 
 TempDir::TempDir()

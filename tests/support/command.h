@@ -14,7 +14,12 @@ struct CommandResult {
     std::string err;
 };
 
-// Runs argv[0] (looked up in PATH) with no shell involved.
+// The exit codes `make asan` gives sanitizer reports (ASAN_OPTIONS / UBSAN_OPTIONS exitcode).
+inline constexpr int kAddressSanitizerExit = 86;
+inline constexpr int kUndefinedSanitizerExit = 87;
+
+// Runs argv[0] (looked up in PATH) with no shell involved. A sanitizer report's exit code fails
+// the calling test.
 CommandResult run(const std::vector<std::string>& argv);
 
 class TempDir {

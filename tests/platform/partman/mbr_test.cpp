@@ -65,6 +65,31 @@ TEST(MbrPartitionTable, RefusesDamagedTablesWithALogLine)
     EXPECT_NE(log.sink().lines()[0].text.find("loops"), std::string::npos);
 }
 
+// Tables fdisk calls broken, which a commit would make worse.
+TEST(MbrPartitionTable, RefusesLoopsBackToTheFirstRecordAndOverlaps)
+{
+    ScopedLogCapture log;
+    auto backToFirst = diskWithLogicals();
+    writeMbrEntry(*backToFirst, 40960, 1, 0x05, 0, 10240); // the last record links to the first
+    EXPECT_FALSE(PartitionManager::create(backToFirst, 512));
+    auto firstToItself = diskWithLogicals();
+    writeMbrEntry(*firstToItself, 20480, 1, 0x05, 0, 10240);
+    EXPECT_FALSE(PartitionManager::create(firstToItself, 512));
+    auto primaryInExtended = diskWithLogicals();
+    writeMbrEntry(*primaryInExtended, 0, 2, 0x83, 60000, 4096);
+    EXPECT_FALSE(PartitionManager::create(primaryInExtended, 512));
+    auto primariesOverlap = diskWithLogicals();
+    writeMbrEntry(*primariesOverlap, 0, 2, 0x83, 10000, 4096);
+    EXPECT_FALSE(PartitionManager::create(primariesOverlap, 512));
+
+    const auto& lines = log.sink().lines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_NE(lines[0].text.find("loops"), std::string::npos);
+    EXPECT_NE(lines[1].text.find("loops"), std::string::npos);
+    EXPECT_EQ(lines[2].text, "Partition 3 overlaps the extended partition");
+    EXPECT_EQ(lines[3].text, "Partitions 1 and 3 overlap");
+}
+
 TEST(MbrPartitionTable, CommitWritesOnlyTheChangedRecords)
 {
     auto disk = diskWithLogicals();
