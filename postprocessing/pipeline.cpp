@@ -12,6 +12,7 @@
 #include "postprocessing/linux/fstab.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
+#include "postprocessing/tools/file_tools.h"
 #include "postprocessing/windows/lba_patch.h"
 
 #include <string>
@@ -33,6 +34,8 @@ public:
     void execute();
 
 private:
+    bool preflight();
+    void refuseAll();
     void changeDiskIds();
     void partitionType();
     void gptMigrationOrBcd();
@@ -68,8 +71,39 @@ private:
     u64 counter_ = 0;
 };
 
+// What every step would need before the first write: a run that could not finish is not
+// started, since a disk with new ids and old files naming them no longer boots.
+bool Run::preflight()
+{
+    const bool rewritesFiles =
+        keeper_->isEnabled(StepGrubConfig) || keeper_->isEnabled(StepRaspberryPi) || keeper_->isEnabled(StepFstab);
+    if (!rewritesFiles)
+        return true;
+    std::string problem;
+    if (Tools::temporaryFolderUsable(problem))
+        return true;
+    LogMessage(Channels::handler(), LogError)
+        << problem << "; the files naming the disk's ids could not be rewritten, so nothing is changed";
+    return false;
+}
+
+// Every step that was asked for fails without running; the others read as switched off.
+void Run::refuseAll()
+{
+    for (s32 slot = 0; slot < kStepCount; ++slot) {
+        keeper_->setResult(slot, keeper_->isEnabled(slot) ? StepResult::Failed : StepResult::NotActivated);
+        report(slot);
+    }
+    if (notifier_)
+        notifier_->completed();
+}
+
 void Run::execute()
 {
+    if (!preflight()) {
+        refuseAll();
+        return;
+    }
     changeDiskIds();
     stage(StepMbrChs, "MBR CHS adjustment: ", steps_.adjustMbrCHS);
     stage(StepMediaDirect, "Dell MediaDirect: ", steps_.removeMediaDirect);

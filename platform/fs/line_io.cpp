@@ -1,5 +1,7 @@
 #include "platform/fs/line_io.h"
 
+#include "platform/core/error.h"
+
 #include <algorithm>
 
 namespace Platform {
@@ -16,11 +18,15 @@ bool LineReader::fill()
     start_ = 0;
     const std::size_t old = buffer_.size();
     buffer_.resize(old + kChunk);
+    Error::set(Error::None);
     const std::uint64_t got = file_->read(buffer_.data() + old, kChunk);
     buffer_.resize(old + got);
+    // A short read is the end of the file, unless the file system said why it stopped early.
+    if (got < kChunk && Error::get() != Error::None)
+        failed_ = end_ = true;
     if (got == 0)
         end_ = true;
-    return got > 0;
+    return got > 0 && !failed_;
 }
 
 std::optional<TextLine> LineReader::next()

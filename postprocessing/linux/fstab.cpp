@@ -21,19 +21,21 @@ constexpr DeviceForm kForms[] = {
     {"UUID=", false}, {"/dev/disk/by-uuid/", false}, {"PARTUUID=", true}, {"/dev/disk/by-partuuid/", true}};
 
 // The mount table of a file system: "/etc/fstab", or "/fstab" on a partition mounted as /etc.
-Ref<Platform::File> openMountTable(Platform::Filesys& fs, std::string& where)
+// unreadable: one of them is there but could not be opened (a damaged file system, say).
+Ref<Platform::File> openMountTable(Platform::Filesys& fs, std::string& where, bool& unreadable)
 {
     for (const char* path : {"/etc/fstab", "/fstab"}) {
         if (auto file = Tools::openExistingFile(fs, path, Channels::linuxSys())) {
             where = path;
             return file;
         }
+        unreadable |= Platform::Error::get() != Platform::Error::PathNotFound;
     }
     return {};
 }
 
 // Rewrites one mount table; the step's result for it.
-StepResult adjustMountTable(const Ref<Platform::File>& table, const UuidReplaceMap& fsIds,
+StepResult adjustMountTable(const Ref<Platform::File>& table, const std::string& where, const UuidReplaceMap& fsIds,
                             const UuidReplaceMap& partitionIds)
 {
     const auto temporary = createTempFile();
@@ -42,6 +44,9 @@ StepResult adjustMountTable(const Ref<Platform::File>& table, const UuidReplaceM
     Platform::LineReader reader(table);
     Platform::LineWriter writer(temporary);
     StepResult result = adjustFstabLines(reader, writer, fsIds, partitionIds);
+    if (reader.failed())
+        LogMessage(Channels::linuxSys(), LogError) << "Could not read " << where << " to its end (error "
+                                                   << Platform::Error::get() << "); it keeps naming the old ids";
     if (result != StepResult::Failed && (reader.failed() || !writer.finish())) {
         LogMessage(Channels::linuxSys(), LogError) << "Failed to write line";
         result = StepResult::Failed;
@@ -139,19 +144,21 @@ StepResult adjustFstab(Ref<Keeper> keeper)
         return StepResult::NothingFound;
     }
     StepResult result = StepResult::NothingFound;
+    bool unreadable = false;
     for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
          partition = keeper->findNext(KindPartition, partition, 0)) {
         const auto fs = Tools::getToFSItemFactory(keeper, partition, 1);
         std::string where;
-        const auto table = fs ? openMountTable(*fs, where) : Ref<Platform::File>();
+        const auto table = fs ? openMountTable(*fs, where, unreadable) : Ref<Platform::File>();
         if (!table)
             continue;
         LogMessage(Channels::linuxSys(), LogDetail) << "Found fstab at " << where;
-        const StepResult tableResult = adjustMountTable(table, maps.fsIds, maps.partitionIds);
+        const StepResult tableResult = adjustMountTable(table, where, maps.fsIds, maps.partitionIds);
         if (tableResult != StepResult::NothingFound)
             result = tableResult;
     }
-    return result;
+    // A mount table that is there but cannot be read keeps naming the old ids: that fails.
+    return unreadable ? StepResult::Failed : result;
 }
 
 } // namespace Libraries::KRO::PostProcessing::Linux

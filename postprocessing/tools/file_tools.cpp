@@ -6,7 +6,12 @@
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/storage_resolution.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <unistd.h>
 #include <vector>
 
 namespace Libraries::KRO::PostProcessing {
@@ -54,6 +59,27 @@ Ref<Platform::File> createTempFile()
 }
 
 namespace Tools {
+
+bool temporaryFolderUsable(std::string& problem)
+{
+    std::error_code error;
+    const auto folder = std::filesystem::temp_directory_path(error);
+    if (error) {
+        const char* tmpdir = std::getenv("TMPDIR");
+        problem = "The temporary folder " + std::string(tmpdir ? tmpdir : "/tmp") +
+                  " (TMPDIR) is not usable: " + error.message();
+        return false;
+    }
+    const std::filesystem::path probe = folder / ("ppfstab_probe_" + std::to_string(::getpid()));
+    std::FILE* file = std::fopen(probe.c_str(), "wb");
+    if (!file) {
+        problem = "The temporary folder " + folder.string() + " (TMPDIR) does not take files: " + std::strerror(errno);
+        return false;
+    }
+    std::fclose(file);
+    std::filesystem::remove(probe, error);
+    return true;
+}
 
 Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
 {

@@ -14,6 +14,10 @@ Ref<Platform::File> createTempFile();
 
 namespace Tools {
 
+// Whether the host temp folder (TMPDIR) takes a temporary file; problem names the folder and the
+// cause when it does not.
+bool temporaryFolderUsable(std::string& problem);
+
 // The target file system of a partition entry (kind 1, or its kind-8 storage entry): a node path
 // named by the entry first, else the partition's target storage. mode is accepted as callers pass
 // it (always 1). Null when the partition has no usable file system.

@@ -190,4 +190,46 @@ TEST_F(Refusals, IdsThatNeverReachedTheDiskAreNotWrittenIntoFiles)
     EXPECT_TRUE(reportedNotApplied) << result.out;
 }
 
+// An fstab the fstab step cannot read (its cluster chain loops) keeps the old ids: the step fails
+// instead of reading Ok.
+TEST_F(Refusals, UnreadableMountTableFailsTheStep)
+{
+    diskWith({"mkfs.fat", "-F", "16", "-s", "4", "-i", "1234ABCD"}, 64);
+    setenv("MTOOLS_SKIP_CHECK", "1", 1);
+    const std::string fat = image + "@@" + std::to_string(kStart * 512);
+    std::ofstream(dir.file("fstab")) << "UUID=1234-ABCD / vfat defaults 0 1\n" << std::string(5000, '#') << "\n";
+    runTool({"mmd", "-i", fat, "::/etc"});
+    runTool({"mcopy", "-i", fat, dir.file("fstab"), "::/etc/fstab"});
+    // /etc took cluster 2 and fstab clusters 3 to 5: point cluster 4 back at 3 in every FAT copy.
+    const auto boot = readAt(image, kStart * 512, 512);
+    const std::uint64_t reserved = boot[0x0E] | boot[0x0F] << 8, fatSectors = boot[0x16] | boot[0x17] << 8;
+    for (std::uint64_t copy = 0; copy < boot[0x10]; ++copy)
+        patch(image, (kStart + reserved + copy * fatSectors) * 512 + 4 * 2, {3, 0});
+    ASSERT_EQ(run({POSTCLONE_BINARY, "fs", "cat", image, "1", "/etc/fstab"}).exitCode, 1);
+
+    const auto result = run({POSTCLONE_BINARY, "--json", "--preset", "1", image});
+    EXPECT_EQ(result.exitCode, 1) << result.err;
+    EXPECT_EQ(nlohmann::json::parse(result.out)["steps"][29]["word"], "FAILED") << result.err;
+    EXPECT_NE(result.err.find("Could not read /etc/fstab to its end"), std::string::npos) << result.err;
+}
+
+// Without a usable temp folder the files naming the ids cannot be rewritten: the run changes
+// nothing rather than ids that the files then contradict.
+TEST_F(Refusals, UnusableTempFolderChangesNothing)
+{
+    std::filesystem::create_directories(dir.file("root/etc"));
+    std::ofstream(dir.file("root/etc/fstab")) << "UUID=3f1e2d4c-5b6a-4978-8a9b-0c1d2e3f4a5b / ext4 defaults 0 1\n";
+    diskWith({"mkfs.ext4", "-q", "-F", "-U", "3f1e2d4c-5b6a-4978-8a9b-0c1d2e3f4a5b", "-d", dir.file("root")});
+    const std::string hash = sh("md5sum < '" + image + "'");
+    std::ofstream(dir.file("a-file")) << "not a folder";
+    for (const std::string& tmpdir : {dir.file("missing"), dir.file("a-file")}) {
+        const auto result = run({"env", "TMPDIR=" + tmpdir, POSTCLONE_BINARY, "--json", "--preset", "1", image});
+        EXPECT_EQ(result.exitCode, 1) << tmpdir;
+        EXPECT_NE(result.err.find("(TMPDIR)"), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find(tmpdir), std::string::npos) << result.err;
+        EXPECT_EQ(nlohmann::json::parse(result.out)["steps"][2]["word"], "FAILED");
+        EXPECT_EQ(sh("md5sum < '" + image + "'"), hash) << tmpdir << ": the disk changed";
+    }
+}
+
 } // namespace
