@@ -25,6 +25,8 @@ public:
     // Makes the backup boot sector match sector 0 again after a caller changed sector 0 fields
     // (FAT32, NTFS); true where there is no backup.
     virtual bool mirrorBootSector() { return true; }
+    // Why this file system must not be written at all (its structures are impossible), or empty.
+    virtual std::string refusal() const { return {}; }
 
     const std::string& errorText() const { return error_; }
 
@@ -45,10 +47,11 @@ private:
 class MountHelper {
 public:
     // The type code of the file system on storage, judged from its own structures (never from a
-    // partition type); FsNone when there is none we can handle.
+    // partition type); FsNone when there is none we can handle, a damaged one included.
     static std::uint32_t probe(const Ref<Interfaces::Storage>& storage);
     // The file system on storage, whatever its type; null when there is none we can handle. One
-    // look at the structures serves both the type and the object.
+    // look at the structures serves both the type and the object. A file system whose signature
+    // is there but whose structures are impossible comes back refusing every change.
     static Ref<FileSysBase> open(Ref<Interfaces::Storage> storage);
     // The file system of that type on storage, or null when it does not hold one.
     static Ref<FileSysBase> createFilesysBase(Ref<Interfaces::Storage> storage, std::uint32_t type);

@@ -1,5 +1,6 @@
 #include "platform/core/error.h"
 #include "platform/fs/btrfs_volume.h"
+#include "platform/fs/damaged_volume.h"
 #include "platform/fs/exfat_volume.h"
 #include "platform/fs/ext_volume.h"
 #include "platform/fs/fat_volume.h"
@@ -36,13 +37,14 @@ Ref<FileSysBase> MountHelper::open(Ref<Interfaces::Storage> storage)
     // left it standing.
     if (const auto layout = SwapVolume::detect(*storage))
         return makeRef<SwapVolume>(std::move(storage), *layout);
-    return {};
+    return DamagedVolume::recognize(std::move(storage));
 }
 
 std::uint32_t MountHelper::probe(const Ref<Interfaces::Storage>& storage)
 {
+    // A damaged file system is one none of the tools can handle.
     const auto fs = open(storage);
-    return fs ? fs->type() : FsNone;
+    return fs && fs->refusal().empty() ? fs->type() : FsNone;
 }
 
 Ref<FileSysBase> MountHelper::createFilesysBase(Ref<Interfaces::Storage> storage, std::uint32_t type)

@@ -27,6 +27,11 @@ bool hasBootSectorGeometry(u32 type)
 
 StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, Platform::FileSysBase& fs, u32 heads, u32 sectors)
 {
+    if (const std::string refusal = fs.refusal(); !refusal.empty()) {
+        LogMessage(Channels::common(), LogError)
+            << "Not writing the geometry of " << Tools::entryLogName(*keeper, partition) << ": " << refusal;
+        return StepResult::Failed;
+    }
     const auto storage = Tools::getToStorage(keeper, partition);
     if (!storage) {
         LogMessage(Channels::common(), LogError) << "Could not get storage for partition " << partition;

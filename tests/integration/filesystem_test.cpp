@@ -323,12 +323,16 @@ TEST_F(FileSystems, DamagedStructuresAreNotTouched)
         std::size_t family;
         std::uint64_t offset; // within the partition
         std::vector<std::uint8_t> bytes;
+        const char* reason;
     };
     const std::vector<Damage> damages{
-        {0, 0x0B, {0x03, 0x00}},                                     // FAT16: 3 bytes per sector
-        {2, 0x64, {0xAA}},                                           // exFAT: serial changed behind the checksum's back
-        {3, 0x28, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00}}, // NTFS: larger than the partition
-        {4, 1024 + 0x04, {0xFF, 0xFF, 0xFF, 0x0F}},                  // ext4: more blocks than the partition
+        {0, 0x0B, {0x03, 0x00}, "run fsck.fat first"}, // FAT16: 3 bytes per sector
+        {0, 0x0D, {0x00}, "run fsck.fat first"},       // FAT16: no sectors per cluster
+        {0, 0x10, {0x00}, "run fsck.fat first"},       // FAT16: no FATs
+        {2, 0x64, {0xAA}, "run fsck.exfat first"},     // exFAT: serial changed behind the checksum's back
+        {3, 0x28, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00}, "run chkdsk"}, // NTFS: larger than the partition
+        {3, 0x40, {0x7F}, "run chkdsk"},                                           // NTFS: impossible MFT records
+        {4, 1024 + 0x04, {0xFF, 0xFF, 0xFF, 0x0F}, "run e2fsck"}, // ext4: more blocks than the partition
     };
     for (const auto& damage : damages) {
         const std::string image = diskWith(families()[damage.family]);
@@ -340,8 +344,9 @@ TEST_F(FileSystems, DamagedStructuresAreNotTouched)
         const auto before = readAt(image, 0, 70 * kMiB);
         const auto result =
             run({POSTCLONE_BINARY, "--enable", "fs-ids", "--enable", "fs-offset", "--enable", "part-chs", image});
-        EXPECT_EQ(result.exitCode, 0) << result.err;
-        EXPECT_NE(result.err.find("Could not get file system for"), std::string::npos) << result.err;
+        // Refused with the family's reason and the checker to run, and the run fails.
+        EXPECT_EQ(result.exitCode, 1) << result.err;
+        EXPECT_NE(result.err.find(damage.reason), std::string::npos) << result.err;
         EXPECT_TRUE(readAt(image, 0, 70 * kMiB) == before) << families()[damage.family].name;
     }
 }

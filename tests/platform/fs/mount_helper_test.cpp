@@ -53,7 +53,15 @@ TEST(MountHelper, ExfatChecksumGuardsTheBootRegion)
         EXPECT_EQ(bytes[region + 0x64], 1);
     }
     storage->bytes()[0x65] ^= 0xFF; // a change the checksum does not know of
-    EXPECT_EQ(MountHelper::probe(storage), FsNone);
+    const auto before = storage->bytes();
+    const auto damaged = MountHelper::open(storage);
+    ASSERT_TRUE(damaged); // still exFAT by its name, but refused with the reason
+    EXPECT_EQ(damaged->type(), FsExfat);
+    EXPECT_FALSE(damaged->setVolumeId(serial));
+    EXPECT_FALSE(damaged->setPartitionOffset(2048));
+    EXPECT_NE(damaged->errorText().find("run fsck.exfat first"), std::string::npos);
+    EXPECT_EQ(storage->bytes(), before);
+    EXPECT_EQ(MountHelper::probe(storage), FsNone); // no tool can handle it
 }
 
 TEST(MountHelper, FamiliesWithoutARecordedOffsetSayNotSupported)

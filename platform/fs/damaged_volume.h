@@ -1,0 +1,34 @@
+#pragma once
+// A file system whose own signature is there but whose structures are impossible: a boot sector
+// with "NTFS" and no usable geometry, a FAT boot sector with no clusters, a superblock that fails
+// its checksum. It is refused by every change, with the reason, instead of being taken for an
+// unknown partition that the run passes over in silence.
+
+#include "platform/fs/filesys_base.h"
+
+namespace Platform {
+
+class DamagedVolume : public FileSysBase {
+public:
+    // The family whose signature the storage carries, with why it is refused; null when it
+    // carries none.
+    static Ref<DamagedVolume> recognize(Ref<Interfaces::Storage> storage);
+
+    DamagedVolume(Ref<Interfaces::Storage> storage, std::uint32_t type, std::string reason)
+        : FileSysBase(std::move(storage)), type_(type), reason_(std::move(reason))
+    {
+    }
+
+    std::uint32_t type() const override { return type_; }
+    Ref<ByteArray> volumeId() const override { return {}; }
+    bool setVolumeId(std::span<const std::uint8_t>) override { return fail(reason_); }
+    bool setPartitionOffset(std::uint64_t) override { return fail(reason_); }
+    bool mirrorBootSector() override { return fail(reason_); }
+    std::string refusal() const override { return reason_; }
+
+private:
+    std::uint32_t type_;
+    std::string reason_;
+};
+
+} // namespace Platform
