@@ -42,12 +42,14 @@ int main(int argc, char** argv)
     Platform::SysLogStream::install(std::make_shared<Cli::StderrLog>());
     Platform::SysLogFilter::setLevel(options.logLevel);
 
-    const auto keeper = Cli::buildKeeper(options);
+    std::vector<Cli::Refusal> refused;
+    const auto keeper = Cli::buildKeeper(options, &refused);
     if (!keeper)
         return usageError("could not open the targets for post-processing");
     Libraries::KRO::PostProcessing::PPHandler::process(keeper, Cli::progressForTerminal());
 
-    const std::string report = options.json ? Cli::jsonReport(*keeper) : Cli::textReport(*keeper);
+    const std::string report = options.json ? Cli::jsonReport(*keeper, refused) : Cli::textReport(*keeper, refused);
     std::fputs(report.c_str(), stdout);
-    return Cli::anyStepFailed(*keeper) ? kExitStepFailed : kExitOk;
+    // A disk postclone refused to touch is no success, even where every step found nothing.
+    return Cli::anyStepFailed(*keeper) || !refused.empty() ? kExitStepFailed : kExitOk;
 }

@@ -64,12 +64,17 @@ std::string mountedFolder(const Options& options, std::size_t target, unsigned p
 }
 
 void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Ref<Interfaces::Storage>& target,
-                        const Ref<Interfaces::Storage>& source, const Options& options, std::size_t targetIndex)
+                        const Ref<Interfaces::Storage>& source, const Options& options, std::size_t targetIndex,
+                        std::vector<Refusal>* refused)
 {
     PP::Keeper& keeper = *keeperRef;
     const auto targetTable = PartitionManager::create(target, 512);
-    if (!targetTable)
+    if (!targetTable) {
+        // A disk without a table has nothing to refuse; one whose table was refused does.
+        if (refused && !PartitionManager::lastRefusal().empty())
+            refused->push_back({options.targets[targetIndex], "partition table", PartitionManager::lastRefusal()});
         return;
+    }
     const auto sourceTable = source ? PartitionManager::create(source, 512) : Ref<PartitionManager>();
     for (std::size_t i = 0; i < targetTable->partitionCount(); ++i) {
         const auto partition = targetTable->partition(i);
@@ -115,7 +120,7 @@ std::string checkMedia(const Options& options)
     return {};
 }
 
-Platform::Ref<PP::Keeper> buildKeeper(const Options& options)
+Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusal>* refused)
 {
     auto keeper = PP::Keeper::create();
     if (!keeper)
@@ -137,7 +142,7 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options)
         if (!target)
             return {};
         keeper->addObjectEntry(PP::KindDiskStorage, source, target, disk, 0);
-        describePartitions(keeper, disk, target, source, options, i);
+        describePartitions(keeper, disk, target, source, options, i, refused);
         if (i < options.diskIdNames.size()) {
             const auto& names = options.diskIdNames[i];
             PP::PPHandler::addLinuxDiskIdString(keeper, disk, nameList(names.oldModel), nameList(names.oldSerial),

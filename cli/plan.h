@@ -3,6 +3,7 @@
 // settings that belong to each disk.
 
 #include "cli/options.h"
+#include "cli/report.h"
 #include "postprocessing/keeper.h"
 
 #include <string>
@@ -13,6 +14,8 @@ namespace Cli {
 // block device; otherwise the one-line message naming the first that is not.
 std::string checkMedia(const Options& options);
 
-Platform::Ref<Libraries::KRO::PostProcessing::Keeper> buildKeeper(const Options& options);
+// refused: what on the targets will not be touched (a partition table the reader refuses).
+Platform::Ref<Libraries::KRO::PostProcessing::Keeper> buildKeeper(const Options& options,
+                                                                  std::vector<Refusal>* refused = nullptr);
 
 } // namespace Cli

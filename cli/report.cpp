@@ -72,7 +72,7 @@ std::vector<Mapping> recordedMappings(const PP::Keeper& keeper)
     return mappings;
 }
 
-std::string textReport(const PP::Keeper& keeper)
+std::string textReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused)
 {
     std::string text = padded("slot", 5) + padded("name", 20) + padded("label", 36) + "result\n";
     for (int slot = 0; slot < PP::kStepCount; ++slot)
@@ -85,10 +85,14 @@ std::string textReport(const PP::Keeper& keeper)
         text += "  " + std::to_string(mapping.kind) + "  " + std::to_string(mapping.entry) + "  " +
                 (mapping.oldId.empty() ? "-" : mapping.oldId) + " -> " + (mapping.newId.empty() ? "-" : mapping.newId) +
                 (mapping.applied ? "" : "  (not applied: the write failed)") + "\n";
+    if (!refused.empty())
+        text += "\nrefused (nothing written):\n";
+    for (const auto& refusal : refused)
+        text += "  " + refusal.target + ": " + refusal.what + ": " + refusal.why + "\n";
     return text;
 }
 
-std::string jsonReport(const PP::Keeper& keeper)
+std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused)
 {
     nlohmann::ordered_json steps = nlohmann::ordered_json::array();
     for (int slot = 0; slot < PP::kStepCount; ++slot) {
@@ -107,7 +111,10 @@ std::string jsonReport(const PP::Keeper& keeper)
              {"old", mapping.oldId.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(mapping.oldId)},
              {"new", mapping.newId},
              {"applied", mapping.applied}});
-    return nlohmann::ordered_json{{"steps", steps}, {"mappings", mappings}}.dump(2) + "\n";
+    nlohmann::ordered_json refusals = nlohmann::ordered_json::array();
+    for (const auto& refusal : refused)
+        refusals.push_back({{"target", refusal.target}, {"what", refusal.what}, {"why", refusal.why}});
+    return nlohmann::ordered_json{{"steps", steps}, {"mappings", mappings}, {"refused", refusals}}.dump(2) + "\n";
 }
 
 std::string stepList()

@@ -19,8 +19,15 @@ struct Mapping {
 // The kind-5 (disk id), kind-9 (partition UUID) and kind-13 (volume id) changes, in keeper order.
 std::vector<Mapping> recordedMappings(const Libraries::KRO::PostProcessing::Keeper& keeper);
 
-std::string textReport(const Libraries::KRO::PostProcessing::Keeper& keeper);
-std::string jsonReport(const Libraries::KRO::PostProcessing::Keeper& keeper);
+// Something on a target that postclone would not touch at all, and why (as it was logged).
+struct Refusal {
+    std::string target;
+    std::string what;
+    std::string why;
+};
+
+std::string textReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {});
+std::string jsonReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {});
 std::string stepList();
 
 // True when any slot ended "FAILED".

@@ -124,7 +124,7 @@ bool GuidPartitionTable::load(std::vector<std::uint8_t> protectiveMbr)
         backup_ = readCopy(backupLba, "backup");
     const auto& good = primary_ ? primary_ : backup_;
     if (!good) {
-        LogMessage(channel(), LogError) << "Both GPT copies are damaged; not touching this disk";
+        Refusal() << "Both GPT copies are damaged; not touching this disk";
         return false;
     }
     ByteView view(good->header);
@@ -148,9 +148,8 @@ bool GuidPartitionTable::loadPartitions()
         const std::uint64_t first = view.u64(E::kFirstLba);
         const std::uint64_t last = view.u64(E::kLastLba);
         if (first == 0 || last < first || last >= storage_->elementCount()) {
-            LogMessage(channel(), LogError)
-                << "GPT partition " << slot + 1 << " (sectors " << first << " to " << last
-                << ") does not lie on the disk of " << storage_->elementCount() << " sectors";
+            Refusal() << "GPT partition " << slot + 1 << " (sectors " << first << " to " << last
+                      << ") does not lie on the disk of " << storage_->elementCount() << " sectors";
             return false;
         }
         partitions_.push_back(makeRef<Partition>(TableType::Gpt, slot, first, last - first + 1,
@@ -226,7 +225,7 @@ std::uint32_t GuidPartitionTable::commit(bool flush)
         lastUsable = backupEntriesLba - 1;
     for (const auto& partition : partitions_)
         if (partition->start() + partition->size() - 1 > lastUsable) {
-            LogMessage(channel(), LogError) << "The disk is too small for its GPT partitions";
+            Refusal() << "The disk is too small for its GPT partitions";
             return EINVAL;
         }
     const std::uint64_t primaryEntriesLba = primary_ ? primary_->entriesLba : 2;

@@ -105,8 +105,8 @@ bool MbrPartitionTable::layoutFits() const
     std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a->start() < b->start(); });
     for (std::size_t i = 1; i < sorted.size(); ++i)
         if (sorted[i]->start() < sorted[i - 1]->start() + sorted[i - 1]->size()) {
-            LogMessage(channel(), LogError) << "Partitions " << sorted[i - 1]->entryIndex() + 1 << " and "
-                                            << sorted[i]->entryIndex() + 1 << " overlap";
+            Refusal() << "Partitions " << sorted[i - 1]->entryIndex() + 1 << " and " << sorted[i]->entryIndex() + 1
+                      << " overlap";
             return false;
         }
     const std::uint64_t extendedEnd = extendedStart_ + extendedSize_;
@@ -117,8 +117,8 @@ bool MbrPartitionTable::layoutFits() const
         const bool outside =
             partition->start() >= extendedEnd || partition->start() + partition->size() <= extendedStart_;
         if (extendedSize_ != 0 && (logical ? !inside : !outside)) {
-            LogMessage(channel(), LogError) << "Partition " << partition->entryIndex() + 1
-                                            << (logical ? " lies outside" : " overlaps") << " the extended partition";
+            Refusal() << "Partition " << partition->entryIndex() + 1 << (logical ? " lies outside" : " overlaps")
+                      << " the extended partition";
             return false;
         }
     }
@@ -133,9 +133,8 @@ bool MbrPartitionTable::addEntry(std::uint32_t index, std::uint64_t sectorLba, s
     const std::uint64_t start = base + view.u32(offset + L::MbrEntry::kLbaStart);
     const std::uint64_t size = view.u32(offset + L::MbrEntry::kSectorCount);
     if (size == 0 || start == 0 || start + size > storage_->elementCount()) {
-        LogMessage(channel(), LogError) << "Partition " << index + 1 << " (start " << start << ", " << size
-                                        << " sectors) does not lie on the disk of " << storage_->elementCount()
-                                        << " sectors";
+        Refusal() << "Partition " << index + 1 << " (start " << start << ", " << size
+                  << " sectors) does not lie on the disk of " << storage_->elementCount() << " sectors";
         return false;
     }
     const std::uint8_t type = view.u8(offset + L::MbrEntry::kType);
@@ -154,19 +153,19 @@ bool MbrPartitionTable::addEntry(std::uint32_t index, std::uint64_t sectorLba, s
 bool MbrPartitionTable::walkLogicals(std::uint64_t extendedStart, std::uint64_t extendedSize)
 {
     if (extendedStart == 0 || extendedStart + extendedSize > storage_->elementCount()) {
-        LogMessage(channel(), LogError) << "Extended partition at " << extendedStart << " lies beyond the disk";
+        Refusal() << "Extended partition at " << extendedStart << " lies beyond the disk";
         return false;
     }
     std::set<std::uint64_t> visited;
     std::uint32_t index = L::Mbr::kEntryCount;
     for (std::uint64_t ebr = extendedStart; ebr != 0;) {
         if (!visited.insert(ebr).second || visited.size() > kMaxLogicals) {
-            LogMessage(channel(), LogError) << "The chain of extended boot records loops at sector " << ebr;
+            Refusal() << "The chain of extended boot records loops at sector " << ebr;
             return false;
         }
         std::vector<std::uint8_t> sector;
         if (!readSectors(ebr, 1, sector) || !hasBootSignature(sector)) {
-            LogMessage(channel(), LogError) << "Extended boot record at sector " << ebr << " is unreadable or damaged";
+            Refusal() << "Extended boot record at sector " << ebr << " is unreadable or damaged";
             return false;
         }
         sectors_[ebr] = sector;
@@ -180,12 +179,11 @@ bool MbrPartitionTable::walkLogicals(std::uint64_t extendedStart, std::uint64_t 
             break;
         // A link of offset 0 points back at the first record of the chain.
         if (next == 0 || visited.count(extendedStart + next)) {
-            LogMessage(channel(), LogError) << "The chain of extended boot records loops at sector " << ebr;
+            Refusal() << "The chain of extended boot records loops at sector " << ebr;
             return false;
         }
         if (next >= extendedSize) {
-            LogMessage(channel(), LogError)
-                << "Extended boot record at sector " << ebr << " links outside the extended partition";
+            Refusal() << "Extended boot record at sector " << ebr << " links outside the extended partition";
             return false;
         }
         ebr = extendedStart + next;

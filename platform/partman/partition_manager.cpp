@@ -16,15 +16,31 @@ LogChannel PartitionManager::channel()
     return registered;
 }
 
+namespace {
+thread_local std::string lastRefusalText;
+} // namespace
+
+PartitionManager::Refusal::~Refusal()
+{
+    lastRefusalText = text_.str();
+    LogMessage(channel(), LogError) << lastRefusalText;
+}
+
+const std::string& PartitionManager::lastRefusal()
+{
+    return lastRefusalText;
+}
+
 Ref<PartitionManager> PartitionManager::create(Ref<Interfaces::Storage> storage, std::uint32_t)
 {
+    lastRefusalText.clear();
     if (!storage || storage->elementSize() < Partman::Layout::Mbr::kSectorSize || storage->elementCount() < 2) {
         LogMessage(channel(), LogWarning) << "No partition table: the disk is too small or its sectors are";
         return {};
     }
     std::vector<std::uint8_t> sector0(storage->elementSize());
     if (storage->read(0, 1, sector0.data()) != 1) {
-        LogMessage(channel(), LogError) << "Could not read the master boot record";
+        Refusal() << "Could not read the master boot record";
         return {};
     }
     if (MbrPartitionTable::isProtective(sector0))

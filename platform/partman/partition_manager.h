@@ -8,6 +8,8 @@
 #include "platform/storage/storage.h"
 
 #include <span>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace Platform {
@@ -18,6 +20,9 @@ public:
     // or it is damaged beyond what a partitioning tool would repair. sectorSize is the caller's
     // expectation; the table is read in the storage's own element size.
     static Ref<PartitionManager> create(Ref<Interfaces::Storage> storage, std::uint32_t sectorSize);
+    // Why the last create() or commit() on this thread refused the table, as it was logged; empty
+    // after a create() that succeeded.
+    static const std::string& lastRefusal();
 
     virtual TableType tableType() const = 0;
     // The MBR signature (4 bytes as on disk) or the GPT disk GUID (16 bytes).
@@ -46,6 +51,25 @@ protected:
                                const std::vector<std::uint8_t>& now) const;
 
     static LogChannel channel();
+
+    // A reason the table is refused: logged at level 4 when it goes out of scope, and kept for
+    // lastRefusal().
+    class Refusal {
+    public:
+        Refusal() = default;
+        ~Refusal();
+        Refusal(const Refusal&) = delete;
+        Refusal& operator=(const Refusal&) = delete;
+        template <typename T>
+        Refusal& operator<<(const T& value)
+        {
+            text_ << value;
+            return *this;
+        }
+
+    private:
+        std::ostringstream text_;
+    };
 
     Ref<Interfaces::Storage> storage_;
     std::vector<Ref<Partition>> partitions_;
