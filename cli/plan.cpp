@@ -19,11 +19,19 @@ namespace {
 
 std::string checkMedium(const std::string& path, const char* role, int mode)
 {
+    using Platform::FileStorage;
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0)
         return std::string("cannot open ") + role + " '" + path + "': " + std::strerror(errno);
     if (!S_ISREG(info.st_mode) && !S_ISBLK(info.st_mode))
         return std::string("cannot open ") + role + " '" + path + "': not a disk image file or block device";
+    if (mode == O_RDWR) {
+        // Opened as the run will open it: exclusively, and not while anything holds it.
+        if (!FileStorage::open(path, FileStorage::Access::ReadWrite))
+            return std::string("cannot open ") + role + " '" + path +
+                   "': " + (FileStorage::openProblem().empty() ? std::strerror(errno) : FileStorage::openProblem());
+        return {};
+    }
     const int fd = ::open(path.c_str(), mode | O_CLOEXEC);
     if (fd < 0)
         return std::string("cannot open ") + role + " '" + path + "': " + std::strerror(errno);

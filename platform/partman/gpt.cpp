@@ -260,6 +260,10 @@ std::uint32_t GuidPartitionTable::commit(bool flush)
         partition->markCommitted();
     if (flush && !storage_->flush())
         return EIO;
+    // After the flush: the kernel reads what reached the device.
+    if (wroteSectors_)
+        if (const std::string note = storage_->partitionTableChanged(); !note.empty())
+            LogMessage(channel(), LogWarning) << note;
     return 0;
 }
 

@@ -239,6 +239,10 @@ std::uint32_t MbrPartitionTable::commit(bool flush)
         partition->markCommitted();
     if (flush && !storage_->flush())
         return 5;
+    // After the flush: the kernel reads what reached the device.
+    if (wroteSectors_)
+        if (const std::string note = storage_->partitionTableChanged(); !note.empty())
+            LogMessage(channel(), LogWarning) << note;
     return 0;
 }
 

@@ -62,6 +62,7 @@ std::uint32_t PartitionManager::writeChanged(std::uint64_t lba, const std::vecto
     for (std::size_t at = 0; at < now.size(); at += sector) {
         if (at + sector <= before.size() && std::memcmp(before.data() + at, now.data() + at, sector) == 0)
             continue;
+        wroteSectors_ = true;
         if (storage_->write(lba + at / sector, 1, now.data() + at) != 1) {
             const std::uint32_t code = Error::get() ? Error::get() : std::uint32_t(EIO);
             LogMessage(channel(), LogError) << "Could not write sector " << lba + at / sector;

@@ -73,6 +73,7 @@ protected:
 
     Ref<Interfaces::Storage> storage_;
     std::vector<Ref<Partition>> partitions_;
+    mutable bool wroteSectors_ = false; // some commit changed a sector: the kernel must re-read
 };
 
 } // namespace Platform

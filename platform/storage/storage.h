@@ -4,6 +4,7 @@
 #include "platform/core/ref.h"
 
 #include <cstdint>
+#include <string>
 
 namespace Interfaces {
 
@@ -18,6 +19,9 @@ public:
     // Writes count elements at index; returns how many were written.
     virtual std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) = 0;
     virtual bool flush() = 0;
+    // The partition table on this storage was rewritten. A block device has its kernel read it
+    // again; the text says what could not be done (empty when all went well or nothing applies).
+    virtual std::string partitionTableChanged() { return {}; }
 };
 
 } // namespace Interfaces
