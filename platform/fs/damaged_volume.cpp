@@ -8,6 +8,10 @@ namespace Platform {
 
 namespace {
 
+constexpr std::uint64_t kExtMagic = 1024 + 0x38;
+constexpr std::uint64_t kExtIncompat = 1024 + 0x60;
+constexpr std::uint8_t kExtIncompatJournalDev = 0x08;
+
 struct Signature {
     std::uint64_t offset;
     const char* text;
@@ -23,14 +27,22 @@ constexpr Signature kSignatures[] = {
     {0x36, "FAT16   ", FsFat16, "the FAT16 boot sector holds impossible values; run fsck.fat first"},
     {0x36, "FAT12   ", FsFat12, "the FAT12 boot sector holds impossible values; run fsck.fat first"},
     {0, "XFSB", FsXfs, "the XFS superblock is damaged or fails its checksum; run xfs_repair first"},
-    {0x10040, "_BHRfS_M", FsBtrfs, "the Btrfs superblock is damaged or fails its checksum; run btrfs check first"},
-    {0x438, "\x53\xEF", FsExt4, "the ext superblock holds impossible values; run e2fsck -f first"},
+    {0x10040, "_BHRfS_M", FsBtrfs,
+     "the Btrfs superblock is damaged, spans several devices or uses a checksum other than crc32c; it is left "
+     "alone (run btrfs check if it should be none of these)"},
+    {kExtMagic, "\x53\xEF", FsExt4, "the ext superblock holds impossible values; run e2fsck -f first"},
 };
 
 } // namespace
 
 Ref<DamagedVolume> DamagedVolume::recognize(Ref<Interfaces::Storage> storage)
 {
+    // An external ext journal carries the ext magic but is no file system of its own.
+    const auto incompat = readBytes(*storage, kExtIncompat, 1);
+    const auto magic = readBytes(*storage, kExtMagic, 2);
+    if (magic.size() == 2 && magic[0] == 0x53 && magic[1] == 0xEF && !incompat.empty() &&
+        (incompat[0] & kExtIncompatJournalDev))
+        return {};
     for (const auto& signature : kSignatures) {
         const std::size_t length = std::strlen(signature.text);
         const auto bytes = readBytes(*storage, signature.offset, length);

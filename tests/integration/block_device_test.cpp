@@ -89,7 +89,8 @@ TEST_F(LoopDevice, MountedPartitionRefusesTheDiskAndAChangedTableIsReadAgain)
     const std::string info = runTool({"sgdisk", "-i", "1", device});
     ASSERT_TRUE(std::regex_search(info, found, std::regex("unique GUID: (\\S+)")));
     std::string expected = found[1].str();
-    std::transform(expected.begin(), expected.end(), expected.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    std::transform(expected.begin(), expected.end(), expected.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
     // Where the kernel shows loop partitions (partition scanning on), udev and blkid see the new
     // ids right after the run; where it does not, the re-read leaves it none to show.
     if (std::filesystem::exists(device + "p1")) {

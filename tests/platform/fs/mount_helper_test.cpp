@@ -62,6 +62,9 @@ TEST(MountHelper, ExfatChecksumGuardsTheBootRegion)
     EXPECT_NE(damaged->errorText().find("run fsck.exfat first"), std::string::npos);
     EXPECT_EQ(storage->bytes(), before);
     EXPECT_EQ(MountHelper::probe(storage), FsNone); // no tool can handle it
+
+    // An external ext journal is no damaged file system: nothing to refuse, nothing to change.
+    EXPECT_FALSE(MountHelper::open(made(dir, {"mke2fs", "-q", "-F", "-O", "journal_dev", "-b", "4096"}, 16)));
 }
 
 TEST(MountHelper, FamiliesWithoutARecordedOffsetSayNotSupported)
