@@ -12,6 +12,7 @@
 
 namespace {
 
+using TestSupport::readAt;
 using TestSupport::run;
 using TestSupport::runTool;
 
@@ -22,15 +23,6 @@ std::string lowerNoDashes(std::string text)
     text.erase(std::remove(text.begin(), text.end(), '-'), text.end());
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
     return text;
-}
-
-std::vector<std::uint8_t> readAt(const std::string& path, std::uint64_t offset, std::size_t length)
-{
-    std::ifstream in(path, std::ios::binary);
-    in.seekg(std::streamoff(offset));
-    std::vector<std::uint8_t> bytes(length);
-    in.read(reinterpret_cast<char*>(bytes.data()), std::streamsize(length));
-    return bytes;
 }
 
 void copyRange(const std::string& from, std::uint64_t fromOffset, const std::string& to, std::uint64_t toOffset,

@@ -11,6 +11,7 @@
 
 namespace {
 
+using TestSupport::readAt;
 using TestSupport::run;
 using TestSupport::runTool;
 
@@ -31,15 +32,6 @@ void patch(const std::string& path, std::uint64_t offset, const std::vector<std:
 std::vector<std::uint8_t> le32(std::uint32_t value)
 {
     return {std::uint8_t(value), std::uint8_t(value >> 8), std::uint8_t(value >> 16), std::uint8_t(value >> 24)};
-}
-
-std::vector<std::uint8_t> readAt(const std::string& path, std::uint64_t offset, std::size_t length)
-{
-    std::ifstream in(path, std::ios::binary);
-    in.seekg(std::streamoff(offset));
-    std::vector<std::uint8_t> bytes(length);
-    in.read(reinterpret_cast<char*>(bytes.data()), std::streamsize(length));
-    return bytes;
 }
 
 class Refusals : public testing::Test {

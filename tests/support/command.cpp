@@ -75,6 +75,15 @@ void createImage(const std::string& path, std::uint64_t bytes)
     std::filesystem::resize_file(path, bytes);
 }
 
+std::vector<std::uint8_t> readAt(const std::string& path, std::uint64_t offset, std::size_t length)
+{
+    std::ifstream in(path, std::ios::binary);
+    in.seekg(std::streamoff(offset));
+    std::vector<std::uint8_t> bytes(length);
+    in.read(reinterpret_cast<char*>(bytes.data()), std::streamsize(length));
+    return bytes;
+}
+
 } // namespace TestSupport
 
 #include <gtest/gtest.h>

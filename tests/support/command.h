@@ -38,6 +38,9 @@ private:
 // A zero-filled (sparse) file of the given size.
 void createImage(const std::string& path, std::uint64_t bytes);
 
+// length bytes of a file from offset (zeros past its end).
+std::vector<std::uint8_t> readAt(const std::string& path, std::uint64_t offset, std::size_t length);
+
 } // namespace TestSupport
 
 #include "platform/storage/memory_storage.h"
