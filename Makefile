@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all setup build test test-real demo bench asan format clean
+.PHONY: all setup build test test-real demo bench asan fuzz fuzz-build format clean
 
 all: build
 
@@ -16,7 +16,7 @@ build: setup
 	@cmake -S . -B $(BUILD) $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
-test: build
+test: build fuzz-build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
 # Real Debian 12 disks (built with mmdebstrap, booted once), copied with dd, post-processed and
@@ -40,6 +40,23 @@ asan: setup
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 	@ASAN_OPTIONS=detect_leaks=1:exitcode=86 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:exitcode=87 \
 	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+
+# libFuzzer targets (clang): `make test` builds them; `make fuzz` runs each for FUZZ_SECONDS on
+# corpora seeded from real-tool images. Crashes are left as crash-* files in $(FUZZ_BUILD).
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 600
+fuzz-build: setup
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPOSTCLONE_FUZZ=ON >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j $(JOBS) >/dev/null
+
+fuzz: fuzz-build
+	@scripts/fuzz-seeds $(FUZZ_BUILD)/corpus
+	@for t in $(FUZZ_BUILD)/fuzz/*_fuzzer; do \
+	  name=$$(basename $$t _fuzzer); \
+	  (cd $(FUZZ_BUILD) && ./fuzz/$${name}_fuzzer -max_total_time=$(FUZZ_SECONDS) -max_len=1048576 \
+	    -print_final_stats=1 corpus/$$name 2>&1 | grep -E 'stat::number_of_executed_units|ERROR|SUMMARY' \
+	    | sed "s/^/$$name: /"); \
+	done
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

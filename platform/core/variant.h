@@ -22,7 +22,14 @@ public:
     // Type codes as the system reads them: 2 is a text (a node path), 1 an integer.
     enum class Type : std::uint32_t { Empty = 0, Integer = 1, String = 2, Bytes = 3, List = 4 };
 
-    Variant() = default;
+    // Defined below NamedVariant: the list alternative needs it complete.
+    Variant();
+    ~Variant();
+    Variant(const Variant&);
+    Variant(Variant&&) noexcept;
+    Variant& operator=(const Variant&);
+    Variant& operator=(Variant&&) noexcept;
+
     static Variant integer(std::uint64_t value, std::string_view typeName = {});
     static Variant string(std::string_view text, std::string_view typeName = {});
     static Variant bytes(std::vector<std::uint8_t> bytes, std::string_view typeName = {});
@@ -50,7 +57,7 @@ public:
 private:
     using Value =
         std::variant<std::monostate, std::uint64_t, std::string, std::vector<std::uint8_t>, std::vector<NamedVariant>>;
-    Variant(Value value, std::string_view typeName) : value_(std::move(value)), typeName_(typeName) {}
+    Variant(Value value, std::string_view typeName);
 
     Value value_;
     std::string typeName_;
@@ -61,6 +68,14 @@ struct NamedVariant {
     Variant value;
     bool operator==(const NamedVariant&) const = default;
 };
+
+inline Variant::Variant() = default;
+inline Variant::~Variant() = default;
+inline Variant::Variant(const Variant&) = default;
+inline Variant::Variant(Variant&&) noexcept = default;
+inline Variant& Variant::operator=(const Variant&) = default;
+inline Variant& Variant::operator=(Variant&&) noexcept = default;
+inline Variant::Variant(Value value, std::string_view typeName) : value_(std::move(value)), typeName_(typeName) {}
 
 using VariantList = std::vector<Variant>;
 

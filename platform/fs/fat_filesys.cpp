@@ -19,7 +19,6 @@ namespace {
 
 // Directory entry fields.
 constexpr std::size_t kEntrySize = 32;
-constexpr std::size_t kName = 0; // 11 bytes, 8.3
 constexpr std::size_t kAttributes = 11;
 constexpr std::size_t kCreateTime = 14; // u16, then date at 16, access date at 18
 constexpr std::size_t kClusterHigh = 20;
@@ -34,7 +33,7 @@ constexpr std::uint8_t kLastLongEntry = 0x40;
 constexpr std::size_t kCharsPerLongEntry = 13;
 constexpr std::size_t kLongCharOffsets[kCharsPerLongEntry] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
 // FSInfo (FAT32).
-constexpr std::size_t kFsInfoFreeCount = 488, kFsInfoNextFree = 492;
+constexpr std::size_t kFsInfoFreeCount = 488;
 constexpr std::uint32_t kFsInfoLead = 0x41615252, kFsInfoStruct = 0x61417272;
 
 void damaged()

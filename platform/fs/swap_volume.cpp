@@ -40,15 +40,16 @@ std::optional<SwapVolume::State> stateOf(std::span<const std::uint8_t> signature
 // Version 1 in either byte order, and a last page that is not below the header page.
 bool headerFits(Interfaces::Storage& storage)
 {
-    const auto header = readBytes(storage, kVersion, 8);
+    const auto header = readBytes(storage, kVersion, kLastPage + 4 - kVersion);
     if (header.empty())
         return false;
     ByteView view(header);
     const std::uint32_t version = view.u32(0);
+    constexpr std::size_t lastPageAt = kLastPage - kVersion;
     const bool bigEndian = version == 0x01000000;
     if (version != 1 && !bigEndian)
         return false;
-    const std::uint32_t lastPage = bigEndian ? view.be32(4) : view.u32(4);
+    const std::uint32_t lastPage = bigEndian ? view.be32(lastPageAt) : view.u32(lastPageAt);
     return lastPage >= 1;
 }
 

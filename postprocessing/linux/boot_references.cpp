@@ -128,11 +128,12 @@ StepResult adjustFileSystem(Platform::Filesys& fs, const Tools::IdMaps& maps)
         {"/etc/crypttab", rewriteCrypttabLine},
     };
     StepResult result = StepResult::NothingFound;
-    for (const auto& [path, rewrite] : kFiles) {
-        const auto file = Tools::openExistingFile(fs, path, Channels::linuxSys());
+    for (const auto& textFile : kFiles) {
+        const auto file = Tools::openExistingFile(fs, textFile.path, Channels::linuxSys());
         if (!file)
             continue;
-        const std::string name = path;
+        const std::string name = textFile.path;
+        const auto rewrite = textFile.rewrite;
         const Tools::RewriteWording wording{"Failed to write changed " + name + " back to disk",
                                             "Nothing found to adjust in " + name,
                                             "Adjust failed, not writing updated " + name};
