@@ -11,7 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     Fuzz::quietLogs();
     PP::Tools::IdMaps maps;
-    maps.fsIds = {{"1234-abcd", "5e6f-7a8b"}, {"3f1e2d4c-5b6a-4978-8a9b-0c1d2e3f4a5b", "0badf00d-0000-4000-8000-000000000001"}};
+    maps.fsIds = {{"1234-abcd", "5e6f-7a8b"},
+                  {"3f1e2d4c-5b6a-4978-8a9b-0c1d2e3f4a5b", "0badf00d-0000-4000-8000-000000000001"}};
     maps.partitionIds = {{"1a2b3c4d-02", "5e6f7a8b-02"}, {"1a2b3c4d-0a", "5e6f7a8b-0a"}};
     const PP::Bootloader::LinuxIdMap linuxIds{{"HD_W123-part2", "SSD_S4X-part2"}};
     for (const auto& line : Fuzz::linesOf(data, size)) {

@@ -8,6 +8,7 @@ namespace Platform {
 class Error {
 public:
     static constexpr std::uint32_t None = 0;
+    static constexpr std::uint32_t WriteFailed = 5;
     static constexpr std::uint32_t PathNotFound = 32;
     static constexpr std::uint32_t NotSupported = 0x10002;
 

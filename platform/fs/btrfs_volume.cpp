@@ -62,7 +62,7 @@ Ref<ByteArray> BtrfsVolume::volumeId() const
     return fsid.empty() ? Ref<ByteArray>() : ByteArray::create(fsid);
 }
 
-bool BtrfsVolume::setVolumeId(std::span<const std::uint8_t> id)
+bool BtrfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (id.size() != 16)
         return fail("a Btrfs fsid is 16 bytes, not " + std::to_string(id.size()));

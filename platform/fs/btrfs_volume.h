@@ -23,7 +23,9 @@ public:
 
     std::uint32_t type() const override { return FsBtrfs; }
     Ref<ByteArray> volumeId() const override;
-    bool setVolumeId(std::span<const std::uint8_t> id) override;
+
+protected:
+    bool writeVolumeId(std::span<const std::uint8_t> id) override;
 
 private:
     std::vector<std::uint64_t> copies_;

@@ -21,10 +21,12 @@ public:
 
     std::uint32_t type() const override { return type_; }
     Ref<ByteArray> volumeId() const override { return {}; }
-    bool setVolumeId(std::span<const std::uint8_t>) override { return fail(reason_); }
-    bool setPartitionOffset(std::uint64_t) override { return fail(reason_); }
-    bool mirrorBootSector() override { return fail(reason_); }
     std::string refusal() const override { return reason_; }
+
+protected:
+    bool writeVolumeId(std::span<const std::uint8_t>) override { return fail(reason_); }
+    bool writePartitionOffset(std::uint64_t) override { return fail(reason_); }
+    bool writeBootSectorMirror() override { return fail(reason_); }
 
 private:
     std::uint32_t type_;

@@ -87,14 +87,14 @@ bool ExfatVolume::updateBootRegions(std::size_t offset, std::span<const std::uin
     return true;
 }
 
-bool ExfatVolume::setVolumeId(std::span<const std::uint8_t> id)
+bool ExfatVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (id.size() != 4)
         return fail("an exFAT volume serial is 4 bytes, not " + std::to_string(id.size()));
     return updateBootRegions(kVolumeSerial, id);
 }
 
-bool ExfatVolume::setPartitionOffset(std::uint64_t sector)
+bool ExfatVolume::writePartitionOffset(std::uint64_t sector)
 {
     std::uint8_t bytes[8];
     ByteWriter(bytes).u64(0, sector);

@@ -21,11 +21,13 @@ public:
 
     std::uint32_t type() const override { return FsExfat; }
     Ref<ByteArray> volumeId() const override;
-    bool setVolumeId(std::span<const std::uint8_t> id) override;
-    bool setPartitionOffset(std::uint64_t sector) override;
 
     // The boot-region checksum over sectors 0-10 (VolumeFlags and PercentInUse left out).
     static std::uint32_t bootChecksum(std::span<const std::uint8_t> region, std::uint32_t bytesPerSector);
+
+protected:
+    bool writeVolumeId(std::span<const std::uint8_t> id) override;
+    bool writePartitionOffset(std::uint64_t sector) override;
 
 private:
     bool updateBootRegions(std::size_t offset, std::span<const std::uint8_t> value);

@@ -56,7 +56,7 @@ Ref<ByteArray> ExtVolume::volumeId() const
     return uuid.empty() ? Ref<ByteArray>() : ByteArray::create(uuid);
 }
 
-bool ExtVolume::setVolumeId(std::span<const std::uint8_t> id)
+bool ExtVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (id.size() != 16)
         return fail("an ext UUID is 16 bytes, not " + std::to_string(id.size()));

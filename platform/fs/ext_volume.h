@@ -19,7 +19,9 @@ public:
 
     std::uint32_t type() const override { return type_; }
     Ref<ByteArray> volumeId() const override;
-    bool setVolumeId(std::span<const std::uint8_t> id) override;
+
+protected:
+    bool writeVolumeId(std::span<const std::uint8_t> id) override;
 
 private:
     std::uint32_t type_;

@@ -113,7 +113,7 @@ bool FatVolume::updateBootSectors(Change change)
     return true;
 }
 
-bool FatVolume::setVolumeId(std::span<const std::uint8_t> id)
+bool FatVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (layout_.serialOffset == 0)
         return fail("the boot sector has no volume serial field");
@@ -123,7 +123,7 @@ bool FatVolume::setVolumeId(std::span<const std::uint8_t> id)
         [&](std::vector<std::uint8_t>& sector) { ByteWriter(sector).bytes(layout_.serialOffset, id); });
 }
 
-bool FatVolume::setPartitionOffset(std::uint64_t sector)
+bool FatVolume::writePartitionOffset(std::uint64_t sector)
 {
     if (sector > 0xFFFFFFFF)
         return fail("the partition starts beyond what the hidden-sectors field holds");
@@ -131,7 +131,7 @@ bool FatVolume::setPartitionOffset(std::uint64_t sector)
         [&](std::vector<std::uint8_t>& boot) { ByteWriter(boot).u32(kHiddenSectors, std::uint32_t(sector)); });
 }
 
-bool FatVolume::mirrorBootSector()
+bool FatVolume::writeBootSectorMirror()
 {
     if (layout_.backupSector == 0)
         return true;

@@ -27,9 +27,11 @@ public:
 
     std::uint32_t type() const override { return layout_.type; }
     Ref<ByteArray> volumeId() const override;
-    bool setVolumeId(std::span<const std::uint8_t> id) override;
-    bool setPartitionOffset(std::uint64_t sector) override;
-    bool mirrorBootSector() override;
+
+protected:
+    bool writeVolumeId(std::span<const std::uint8_t> id) override;
+    bool writePartitionOffset(std::uint64_t sector) override;
+    bool writeBootSectorMirror() override;
 
 private:
     // Applies change to the boot sector and, on FAT32, to its backup (written first).

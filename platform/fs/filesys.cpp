@@ -6,6 +6,7 @@
 #include "platform/fs/filesys_base.h"
 #include "platform/fs/host_filesys.h"
 #include "platform/fs/ntfs_filesys.h"
+#include "platform/fs/staged_filesys.h"
 #include "platform/storage/file_storage.h"
 
 #include <sys/stat.h>
@@ -32,9 +33,11 @@ Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, bool 
     return storage ? create(storage, flags, readOnly) : Ref<Filesys>();
 }
 
-Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bool readOnly)
+namespace {
+
+Ref<Filesys> openFamily(Ref<Interfaces::Storage> storage, std::uint32_t type, bool readOnly)
 {
-    switch (MountHelper::probe(storage)) {
+    switch (type) {
     case FsFat12:
     case FsFat16:
     case FsFat32:
@@ -49,6 +52,19 @@ Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bo
         Error::set(Error::NotSupported);
         return {};
     }
+}
+
+} // namespace
+
+Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bool readOnly)
+{
+    const std::uint32_t type = MountHelper::probe(storage);
+    if (readOnly || type == FsNone)
+        return openFamily(std::move(storage), type, readOnly);
+    // Every change reaches the disk whole or not at all.
+    return StagedFilesys::open(std::move(storage), [type](Ref<Interfaces::Storage> staged) {
+        return openFamily(std::move(staged), type, false);
+    });
 }
 
 } // namespace Platform

@@ -4,8 +4,9 @@
 
 #include "platform/core/byte_array.h"
 #include "platform/core/fs_type.h"
-#include "platform/storage/storage.h"
+#include "platform/storage/undo_storage.h"
 
+#include <functional>
 #include <span>
 #include <string>
 
@@ -16,28 +17,45 @@ public:
     virtual std::uint32_t type() const = 0;
     // The volume id as the file system stores it (4, 8 or 16 bytes).
     virtual Ref<ByteArray> volumeId() const = 0;
-    // false (with errorText) when the id does not fit or cannot be written; nothing is then
-    // half-written.
-    virtual bool setVolumeId(std::span<const std::uint8_t> id) = 0;
+    // Each change below is all or nothing: false (with errorText) when it cannot be made, and a
+    // write that fails part-way has the sectors already written put back.
+
+    // false when the id does not fit or cannot be written.
+    bool setVolumeId(std::span<const std::uint8_t> id);
     // The partition's first sector, for the families that record it. The others answer false
     // with Error 0x10002 (not supported by this file system).
-    virtual bool setPartitionOffset(std::uint64_t sector);
+    bool setPartitionOffset(std::uint64_t sector);
     // Makes the backup boot sector match sector 0 again after a caller changed sector 0 fields
     // (FAT32, NTFS); true where there is no backup.
-    virtual bool mirrorBootSector() { return true; }
+    bool mirrorBootSector();
     // Why this file system must not be written at all (its structures are impossible), or empty.
     virtual std::string refusal() const { return {}; }
 
     const std::string& errorText() const { return error_; }
 
 protected:
-    explicit FileSysBase(Ref<Interfaces::Storage> storage) : storage_(std::move(storage)) {}
+    explicit FileSysBase(Ref<Interfaces::Storage> storage)
+        : undo_(makeRef<UndoStorage>(std::move(storage))), storage_(undo_)
+    {
+    }
+
+    // The changes as each family makes them, writing through storage_.
+    virtual bool writeVolumeId(std::span<const std::uint8_t> id) = 0;
+    virtual bool writePartitionOffset(std::uint64_t sector);
+    virtual bool writeBootSectorMirror() { return true; }
+
     bool fail(std::string text)
     {
         error_ = std::move(text);
         return false;
     }
 
+private:
+    bool undoable(const std::function<bool()>& change);
+
+    Ref<UndoStorage> undo_;
+
+protected:
     Ref<Interfaces::Storage> storage_;
 
 private:

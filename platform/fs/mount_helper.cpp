@@ -10,12 +10,6 @@
 
 namespace Platform {
 
-bool FileSysBase::setPartitionOffset(std::uint64_t)
-{
-    Error::set(Error::NotSupported);
-    return fail("this file system records no partition offset");
-}
-
 Ref<FileSysBase> MountHelper::open(Ref<Interfaces::Storage> storage)
 {
     if (!storage)

@@ -82,14 +82,14 @@ bool NtfsVolume::updateBootSector(Change change)
     return true;
 }
 
-bool NtfsVolume::setVolumeId(std::span<const std::uint8_t> id)
+bool NtfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (id.size() != 8)
         return fail("an NTFS volume serial is 8 bytes, not " + std::to_string(id.size()));
     return updateBootSector([&](std::vector<std::uint8_t>& boot) { ByteWriter(boot).bytes(kVolumeSerial, id); });
 }
 
-bool NtfsVolume::setPartitionOffset(std::uint64_t sector)
+bool NtfsVolume::writePartitionOffset(std::uint64_t sector)
 {
     if (sector > 0xFFFFFFFF)
         return fail("the partition starts beyond what the hidden-sectors field holds");
@@ -97,7 +97,7 @@ bool NtfsVolume::setPartitionOffset(std::uint64_t sector)
         [&](std::vector<std::uint8_t>& boot) { ByteWriter(boot).u32(kHiddenSectors, std::uint32_t(sector)); });
 }
 
-bool NtfsVolume::mirrorBootSector()
+bool NtfsVolume::writeBootSectorMirror()
 {
     return updateBootSector([](std::vector<std::uint8_t>&) {});
 }

@@ -24,9 +24,11 @@ public:
 
     std::uint32_t type() const override { return FsNtfs; }
     Ref<ByteArray> volumeId() const override;
-    bool setVolumeId(std::span<const std::uint8_t> id) override;
-    bool setPartitionOffset(std::uint64_t sector) override;
-    bool mirrorBootSector() override;
+
+protected:
+    bool writeVolumeId(std::span<const std::uint8_t> id) override;
+    bool writePartitionOffset(std::uint64_t sector) override;
+    bool writeBootSectorMirror() override;
 
 private:
     // Changes the boot sector and writes it to the backup location first, then to sector 0.

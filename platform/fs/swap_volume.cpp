@@ -76,7 +76,7 @@ Ref<ByteArray> SwapVolume::volumeId() const
     return uuid.empty() ? Ref<ByteArray>() : ByteArray::create(uuid);
 }
 
-bool SwapVolume::setVolumeId(std::span<const std::uint8_t> id)
+bool SwapVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (id.size() != kUuidLength)
         return fail("a swap UUID is 16 bytes, not " + std::to_string(id.size()));

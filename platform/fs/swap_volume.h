@@ -25,9 +25,11 @@ public:
 
     std::uint32_t type() const override { return FsSwap; }
     Ref<ByteArray> volumeId() const override;
+
+protected:
     // Refuses a swap area that holds a hibernation image: the system it belongs to resumes from
     // it by its id.
-    bool setVolumeId(std::span<const std::uint8_t> id) override;
+    bool writeVolumeId(std::span<const std::uint8_t> id) override;
 
 private:
     Layout layout_;

@@ -209,7 +209,7 @@ bool XfsVolume::rewriteLog(std::span<const std::uint8_t> uuid, std::uint32_t cyc
     return true;
 }
 
-bool XfsVolume::setVolumeId(std::span<const std::uint8_t> id)
+bool XfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (id.size() != 16)
         return fail("an XFS UUID is 16 bytes, not " + std::to_string(id.size()));

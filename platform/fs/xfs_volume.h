@@ -35,7 +35,9 @@ public:
 
     std::uint32_t type() const override { return FsXfs; }
     Ref<ByteArray> volumeId() const override;
-    bool setVolumeId(std::span<const std::uint8_t> id) override;
+
+protected:
+    bool writeVolumeId(std::span<const std::uint8_t> id) override;
 
 private:
     std::uint64_t logOffset() const;

@@ -238,6 +238,7 @@ std::uint32_t GuidPartitionTable::commit(bool flush)
     const bool backupInPlace = backup_ && !moved;
 
     // Backup first: while the primary is untouched, a failed write leaves the old table readable.
+    beginCommit();
     std::uint32_t code = writeChanged(backupEntriesLba, backupInPlace ? backup_->entries : none, entries);
     if (!code)
         code = writeChanged(lastLba, backupInPlace ? backup_->header : none, backupHeader);
@@ -248,7 +249,7 @@ std::uint32_t GuidPartitionTable::commit(bool flush)
     if (!code && moved)
         code = writeChanged(0, protectiveMbr_, buildProtectiveMbr(lastLba));
     if (code)
-        return code;
+        return failedCommit(code);
 
     primary_ = Copy{1, primaryEntriesLba, primaryHeader, entries};
     backup_ = Copy{lastLba, backupEntriesLba, backupHeader, entries};

@@ -63,13 +63,24 @@ std::uint32_t PartitionManager::writeChanged(std::uint64_t lba, const std::vecto
         if (at + sector <= before.size() && std::memcmp(before.data() + at, now.data() + at, sector) == 0)
             continue;
         wroteSectors_ = true;
-        if (storage_->write(lba + at / sector, 1, now.data() + at) != 1) {
+        if (undo_->write(lba + at / sector, 1, now.data() + at) != 1) {
             const std::uint32_t code = Error::get() ? Error::get() : std::uint32_t(EIO);
             LogMessage(channel(), LogError) << "Could not write sector " << lba + at / sector;
             return code;
         }
     }
     return 0;
+}
+
+std::uint32_t PartitionManager::failedCommit(std::uint32_t code) const
+{
+    if (undo_->savedSectors() == 0)
+        return code;
+    if (undo_->rollback())
+        LogMessage(channel(), LogError) << "The sectors already written were put back: the table is as it was";
+    else
+        LogMessage(channel(), LogError) << "The sectors already written could not all be put back";
+    return code;
 }
 
 } // namespace Platform

@@ -5,7 +5,7 @@
 #include "platform/core/byte_array.h"
 #include "platform/log/log.h"
 #include "platform/partman/partition.h"
-#include "platform/storage/storage.h"
+#include "platform/storage/undo_storage.h"
 
 #include <span>
 #include <sstream>
@@ -38,17 +38,25 @@ public:
     }
 
     // Writes every changed sector, the table's backup copy first, and flushes when asked. Returns
-    // 0 on success, else the error code of the failed write (the table on disk is then the old
-    // or the new one in each copy, never a torn sector mix within one copy's header).
+    // 0 on success, else the error code of the failed write: the sectors already written are
+    // then put back, and where even that fails, each copy is the old or the new one, never a
+    // torn sector mix within one copy's header.
     virtual std::uint32_t commit(bool flush = true) = 0;
 
 protected:
-    explicit PartitionManager(Ref<Interfaces::Storage> storage) : storage_(std::move(storage)) {}
+    explicit PartitionManager(Ref<Interfaces::Storage> storage)
+        : storage_(std::move(storage)), undo_(makeRef<UndoStorage>(storage_))
+    {
+    }
 
     bool readSectors(std::uint64_t lba, std::uint64_t count, std::vector<std::uint8_t>& out) const;
     // Writes the sectors of `now` that differ from `before` (both count whole sectors from lba).
     std::uint32_t writeChanged(std::uint64_t lba, const std::vector<std::uint8_t>& before,
                                const std::vector<std::uint8_t>& now) const;
+    // A commit begins: what it writes from now on can be taken back.
+    void beginCommit() const { undo_->keep(); }
+    // A commit failed with code: puts back what it wrote and says so; returns code.
+    std::uint32_t failedCommit(std::uint32_t code) const;
 
     static LogChannel channel();
 
@@ -72,6 +80,7 @@ protected:
     };
 
     Ref<Interfaces::Storage> storage_;
+    Ref<UndoStorage> undo_; // the commits write through it
     std::vector<Ref<Partition>> partitions_;
     mutable bool wroteSectors_ = false; // some commit changed a sector: the kernel must re-read
 };

@@ -39,6 +39,7 @@ std::uint64_t StagingStorage::write(std::uint64_t index, std::uint64_t count, co
     if (index >= elementCount())
         return 0;
     count = std::min(count, elementCount() - index);
+    ++writeCalls_;
     const std::size_t size = elementSize();
     const auto* bytes = static_cast<const std::uint8_t*>(buffer);
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -99,10 +100,15 @@ bool StagingStorage::commit(std::uint64_t lastFirst, std::uint64_t lastEnd)
 {
     if (!commitRange(0, UINT64_MAX, lastFirst, lastEnd) || !commitRange(lastFirst, lastEnd, 0, 0))
         return false;
+    discard();
+    return base_->flush();
+}
+
+void StagingStorage::discard()
+{
     pages_.clear();
     slabs_.clear();
     slabUsed_ = 0;
-    return base_->flush();
 }
 
 } // namespace Platform

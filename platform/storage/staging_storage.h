@@ -26,7 +26,11 @@ public:
     // lastEnd (exclusive), which go last: the structure that makes the rest valid. false when a
     // write fails.
     bool commit(std::uint64_t lastFirst = 0, std::uint64_t lastEnd = 0);
+    // Forgets every staged sector: the base stays as it is.
+    void discard();
     std::size_t stagedSectors() const;
+    // How many writes were staged so far: tells whether an operation staged anything.
+    std::uint64_t writeCalls() const { return writeCalls_; }
 
 private:
     static constexpr std::uint64_t kPageSectors = 64;
@@ -46,6 +50,7 @@ private:
     // Page memory comes from large slabs: staging a big change must not churn the allocator.
     std::vector<std::unique_ptr<std::uint8_t[]>> slabs_;
     std::size_t slabUsed_ = 0;
+    std::uint64_t writeCalls_ = 0;
 };
 
 } // namespace Platform

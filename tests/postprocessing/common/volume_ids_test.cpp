@@ -14,7 +14,7 @@ public:
     FakeFileSystem(u32 type, std::vector<u8> id) : FileSysBase(nullptr), type_(type), id_(std::move(id)) {}
     u32 type() const override { return type_; }
     Ref<ByteArray> volumeId() const override { return ByteArray::create(id_); }
-    bool setVolumeId(std::span<const u8> id) override
+    bool writeVolumeId(std::span<const u8> id) override
     {
         if (id.size() != id_.size())
             return fail("wrong size");

@@ -1,0 +1,50 @@
+#pragma once
+// A storage that remembers what each sector held before a change first wrote it, so that a change
+// whose write fails part-way can be taken back: the structure is then old again, not half new.
+// Reads pass through; memory grows with the sectors a change writes, not with the storage.
+
+#include "platform/storage/storage.h"
+
+#include <unordered_set>
+#include <vector>
+
+namespace Platform {
+
+class UndoStorage : public Object, public virtual Interfaces::Storage {
+public:
+    explicit UndoStorage(Ref<Interfaces::Storage> base) : base_(std::move(base)) {}
+
+    std::uint32_t elementSize() const override { return base_->elementSize(); }
+    std::uint64_t elementCount() const override { return base_->elementCount(); }
+    std::uint64_t read(std::uint64_t index, std::uint64_t count, void* buffer) override
+    {
+        return base_->read(index, count, buffer);
+    }
+    // Keeps the old contents of the sectors not written before in this change, then writes; 0
+    // (nothing written) when the old contents cannot be read.
+    std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) override;
+    bool flush() override { return base_->flush(); }
+    std::string partitionTableChanged() override { return base_->partitionTableChanged(); }
+
+    // Writes back what the sectors held before the change, the latest written first; false when
+    // a sector could not be restored. The change is over either way.
+    bool rollback();
+    // The change is complete (or a new one begins): the old contents are dropped.
+    void keep();
+    std::uint64_t savedSectors() const { return saved_.size(); }
+
+private:
+    struct Saved {
+        std::uint64_t index;
+        std::uint64_t count;
+        std::vector<std::uint8_t> bytes;
+    };
+
+    bool save(std::uint64_t index, std::uint64_t count);
+
+    Ref<Interfaces::Storage> base_;
+    std::vector<Saved> runs_;
+    std::unordered_set<std::uint64_t> saved_;
+};
+
+} // namespace Platform
