@@ -196,16 +196,25 @@ bool XfsVolume::rewriteLog(std::span<const std::uint8_t> uuid, std::uint32_t cyc
     const std::uint64_t firstBlocks = std::min(blocks, recordBlocks);
     auto first = unmountRecord(uuid, geometry_.logV2, cycle, 0, blocks - 2, cycle - 1, 2, kBasicBlock);
     first.resize(std::size_t(firstBlocks * kBasicBlock), 0);
-    if (!writeBytes(*storage_, start, first))
-        return fail("the log cannot be written");
+    // Records go out in chunks of a few MiB: one write per record would be hundreds of writes.
+    constexpr std::size_t kChunkBytes = 4 << 20;
+    std::vector<std::uint8_t> chunk = std::move(first);
+    std::uint64_t chunkStart = start;
     for (std::uint64_t block = firstBlocks; block < blocks;) {
         const std::uint64_t length = std::min(recordBlocks, blocks - block);
         const auto filler =
             unmountRecord(uuid, geometry_.logV2, cycle - 1, block, block - length, cycle - 1, length, 0);
-        if (!writeBytes(*storage_, start + block * kBasicBlock, filler))
-            return fail("the log cannot be written");
+        if (chunk.size() + filler.size() > kChunkBytes) {
+            if (!writeBytes(*storage_, chunkStart, chunk))
+                return fail("the log cannot be written");
+            chunkStart = start + block * kBasicBlock;
+            chunk.clear();
+        }
+        chunk.insert(chunk.end(), filler.begin(), filler.end());
         block += length;
     }
+    if (!writeBytes(*storage_, chunkStart, chunk))
+        return fail("the log cannot be written");
     return true;
 }
 

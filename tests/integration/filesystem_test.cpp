@@ -2,6 +2,7 @@
 // their own mkfs, checked with blkid and each family's own checker.
 
 #include "tests/support/command.h"
+#include "tests/support/file_system_families.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -12,6 +13,8 @@
 
 namespace {
 
+using TestSupport::families;
+using TestSupport::Family;
 using TestSupport::readAt;
 using TestSupport::run;
 using TestSupport::runTool;
@@ -39,31 +42,6 @@ void copyRange(const std::string& from, std::uint64_t fromOffset, const std::str
         out.write(buffer.data(), chunk);
         done += std::uint64_t(chunk);
     }
-}
-
-struct Family {
-    std::string name;
-    std::uint64_t mib;             // partition size
-    std::vector<std::string> mkfs; // the partition file is appended
-    std::vector<std::string> check;
-};
-
-const std::vector<Family>& families()
-{
-    static const std::vector<Family> all{
-        {"fat16", 64, {"mkfs.fat", "-F", "16"}, {"fsck.fat", "-n"}},
-        {"fat32", 64, {"mkfs.fat", "-F", "32", "-s", "1"}, {"fsck.fat", "-n"}},
-        {"exfat", 64, {"mkfs.exfat"}, {"fsck.exfat", "-n"}},
-        {"ntfs", 64, {"mkntfs", "-F", "-f", "-q"}, {"ntfsfix", "-n"}},
-        {"ext4", 64, {"mkfs.ext4", "-q", "-F"}, {"e2fsck", "-fn"}},
-        {"ext4-orphan-file", 64, {"mkfs.ext4", "-q", "-F", "-O", "orphan_file"}, {"e2fsck", "-fn"}},
-        {"ext4-csum-seed", 64, {"mkfs.ext4", "-q", "-F", "-O", "metadata_csum_seed"}, {"e2fsck", "-fn"}},
-        {"ext3", 64, {"mkfs.ext3", "-q", "-F"}, {"e2fsck", "-fn"}},
-        {"ext2", 64, {"mkfs.ext2", "-q", "-F"}, {"e2fsck", "-fn"}},
-        {"btrfs", 200, {"mkfs.btrfs", "-q", "-f"}, {"btrfs", "check"}},
-        {"xfs", 300, {"mkfs.xfs", "-q", "-f"}, {"xfs_repair", "-n"}},
-    };
-    return all;
 }
 
 class FileSystems : public testing::Test {

@@ -1,5 +1,6 @@
 // A write that fails part-way through a commit, at every possible sector: afterwards the
 // partitioning tools still read a whole table, the old one or the new one, and the step failed.
+// Where the disk takes writes again after the failing one, the old table is put back exactly.
 
 #include "postprocessing/common/disk_ids.h"
 #include "postprocessing/common/mbr_chs.h"
@@ -38,6 +39,8 @@ std::string table(const std::string& dump)
 
 struct Outcome {
     std::uint64_t sectorsWritten;
+    std::uint64_t writeCalls;
+    bool unchanged; // byte for byte
     PP::StepResult result;
     std::string dump;
 };
@@ -46,20 +49,23 @@ class TornCommit : public testing::Test {
 protected:
     TestSupport::TempDir dir;
 
-    // Runs step on a copy of image whose writes stop after budget sectors.
+    // Runs step on a copy of image whose writes stop after budget sectors, or whose write call
+    // number failing fails.
     template <typename Step>
-    Outcome runWithBudget(const std::string& image, std::uint64_t budget, Step step)
+    Outcome runWithFault(const std::string& image, std::uint64_t budget, std::uint64_t failing, Step step)
     {
         auto memory = TestSupport::loadImage(image);
         auto counted = makeRef<TestSupport::CountingStorage>(memory);
         counted->writeBudget = budget;
+        counted->failingWrite = failing;
         auto keeper = PP::Keeper::create();
         const PP::u64 disk = TestSupport::addDiskWithPartitions(*keeper, counted);
         Platform::ScopedLogCapture quiet;
         const PP::StepResult result = step(keeper, disk);
         const std::string copy = dir.file("torn.img");
         TestSupport::saveImage(*memory, copy);
-        return {counted->sectorsWritten, result, runTool({"sfdisk", "--dump", copy})};
+        const bool unchanged = memory->bytes() == TestSupport::loadImage(image)->bytes();
+        return {counted->sectorsWritten, counted->writeCalls, unchanged, result, runTool({"sfdisk", "--dump", copy})};
     }
 };
 
@@ -79,12 +85,12 @@ TEST_F(TornCommit, GptIdChangeIsNeverHalfWritten)
         std::filesystem::resize_file(image, disk << 20);
         const std::string before = ids(runTool({"sfdisk", "--dump", image}));
 
-        const Outcome complete = runWithBudget(image, UINT64_MAX, changeAllIds);
+        const Outcome complete = runWithFault(image, UINT64_MAX, UINT64_MAX, changeAllIds);
         ASSERT_EQ(complete.result, PP::StepResult::Ok);
         const std::string after = ids(complete.dump);
         ASSERT_NE(after, before);
         for (std::uint64_t budget = 0; budget < complete.sectorsWritten; ++budget) {
-            const Outcome torn = runWithBudget(image, budget, changeAllIds);
+            const Outcome torn = runWithFault(image, budget, UINT64_MAX, changeAllIds);
             EXPECT_EQ(torn.result, PP::StepResult::Failed) << "budget " << budget;
             const std::string seen = ids(torn.dump);
             // Random ids differ from run to run: "new" means every id differs from the old one.
@@ -96,6 +102,11 @@ TEST_F(TornCommit, GptIdChangeIsNeverHalfWritten)
             EXPECT_TRUE(old || allNew) << "disk of " << disk << " MiB, budget " << budget << ":\n"
                                        << before << "vs\n"
                                        << seen;
+        }
+        for (std::uint64_t failing = 0; failing < complete.writeCalls; ++failing) {
+            const Outcome torn = runWithFault(image, UINT64_MAX, failing, changeAllIds);
+            EXPECT_EQ(torn.result, PP::StepResult::Failed) << "write " << failing;
+            EXPECT_TRUE(torn.unchanged) << "disk of " << disk << " MiB, write " << failing;
         }
     }
 }
@@ -112,13 +123,18 @@ TEST_F(TornCommit, MbrChsChangeKeepsEveryRecordReadable)
         keeper->addEntry(PP::KindDiskGeometry, {}, {PP::PPHandler::encodeCHS(1023, 16, 63)}, disk, 0);
         return PP::Common::adjustMbrCHS(keeper);
     };
-    const Outcome complete = runWithBudget(image, UINT64_MAX, adjust);
+    const Outcome complete = runWithFault(image, UINT64_MAX, UINT64_MAX, adjust);
     ASSERT_EQ(complete.result, PP::StepResult::Ok);
     ASSERT_EQ(complete.sectorsWritten, 3u); // two extended boot records and sector 0
     for (std::uint64_t budget = 0; budget < complete.sectorsWritten; ++budget) {
-        const Outcome torn = runWithBudget(image, budget, adjust);
+        const Outcome torn = runWithFault(image, budget, UINT64_MAX, adjust);
         EXPECT_EQ(torn.result, PP::StepResult::Failed);
         EXPECT_EQ(table(torn.dump), before) << "budget " << budget;
+    }
+    for (std::uint64_t failing = 0; failing < complete.writeCalls; ++failing) {
+        const Outcome torn = runWithFault(image, UINT64_MAX, failing, adjust);
+        EXPECT_EQ(torn.result, PP::StepResult::Failed);
+        EXPECT_TRUE(torn.unchanged) << "write " << failing;
     }
 }
 

@@ -1,7 +1,8 @@
 #pragma once
-// A storage wrapper for tests and benchmarks: counts the sectors read and written, and can fail
-// every write once a budget of written sectors is used up (the write in progress then stops
-// part-way, as a torn write on real hardware would).
+// A storage wrapper for tests and benchmarks: counts the sectors read and written and the write
+// calls. It can fail every write once a budget of written sectors is used up (the write in
+// progress then stops part-way, as a torn write on real hardware would, and the disk stays dead),
+// or fail one chosen write call part-way and take the writes after it again (a bad sector).
 
 #include "platform/storage/storage.h"
 
@@ -23,6 +24,8 @@ public:
     }
     std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) override
     {
+        if (writeCalls++ == failingWrite)
+            count /= 2;
         const std::uint64_t allowed = std::min(count, writeBudget - sectorsWritten);
         const auto done = allowed ? base_->write(index, allowed, buffer) : 0;
         sectorsWritten += done;
@@ -33,6 +36,8 @@ public:
     std::uint64_t sectorsRead = 0;
     std::uint64_t sectorsWritten = 0;
     std::uint64_t writeBudget = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t writeCalls = 0;
+    std::uint64_t failingWrite = std::numeric_limits<std::uint64_t>::max(); // counted from 0
 
 private:
     Platform::Ref<Interfaces::Storage> base_;

@@ -1,8 +1,9 @@
 #pragma once
 // Fills a keeper the way a copy application does: a disk entry with its storage, and one partition
-// entry per partition of the disk's table with its target start.
+// entry per partition of the disk's table with its storage and its target start.
 
 #include "platform/partman/partition_manager.h"
+#include "platform/storage/window_storage.h"
 #include "postprocessing/keeper.h"
 
 namespace TestSupport {
@@ -16,6 +17,9 @@ inline std::uint64_t addDiskWithPartitions(Libraries::KRO::PostProcessing::Keepe
     const auto table = Platform::PartitionManager::create(storage, 512);
     for (std::size_t i = 0; table && i < table->partitionCount(); ++i) {
         const PP::u64 partition = keeper.addEntry(PP::KindPartition, {}, {}, disk, 0);
+        const auto& part = *table->partition(i);
+        keeper.addObjectEntry(PP::KindPartitionStorage, nullptr,
+                              Platform::WindowStorage::create(storage, part.start(), part.size()), partition, 0);
         keeper.addEntry(PP::KindPartitionOffset, {}, {PP::Variant::integer(table->partition(i)->start())}, partition,
                         0);
     }
