@@ -1,0 +1,104 @@
+// The layers point one way: platform below postprocessing below cli, and within platform, core
+// and log below everything else. A file-system family never includes another family: what
+// families share lives outside them. Reads every source file's #include lines.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Include {
+    std::string file;   // relative to the source tree
+    std::string target; // as written between the quotes
+    int line;
+};
+
+std::vector<Include> includesUnder(const std::string& folder)
+{
+    std::vector<Include> found;
+    const fs::path root(POSTCLONE_SOURCE_DIR);
+    const std::regex include(R"(^\s*#\s*include\s*"([^"]+)\")");
+    for (const auto& entry : fs::recursive_directory_iterator(root / folder)) {
+        const auto extension = entry.path().extension();
+        if (!entry.is_regular_file() || (extension != ".h" && extension != ".cpp"))
+            continue;
+        std::ifstream in(entry.path());
+        int number = 0;
+        for (std::string text; std::getline(in, text);) {
+            ++number;
+            std::smatch match;
+            if (std::regex_search(text, match, include))
+                found.push_back({fs::relative(entry.path(), root).string(), match[1].str(), number});
+        }
+    }
+    return found;
+}
+
+bool startsWith(const std::string& text, const std::string& prefix)
+{
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The family a platform/fs file belongs to, by its name; empty for the shared pieces.
+std::string familyOf(const std::string& path)
+{
+    static const std::vector<std::string> families{"btrfs", "exfat", "ext", "fat", "host", "ntfs", "swap", "xfs"};
+    const std::string name = fs::path(path).filename().string();
+    if (!startsWith(path, "platform/fs/"))
+        return {};
+    for (const auto& family : families)
+        if (startsWith(name, family + "_"))
+            return family;
+    return {};
+}
+
+std::string where(const Include& include)
+{
+    return include.file + ":" + std::to_string(include.line) + " includes " + include.target;
+}
+
+TEST(Layers, NoLayerIncludesOneAboveIt)
+{
+    const std::vector<std::pair<std::string, std::vector<std::string>>> forbidden{
+        {"platform/core",
+         {"platform/log", "platform/storage", "platform/partman", "platform/boot", "platform/fs", "platform/archive",
+          "postprocessing/", "cli/", "tests/"}},
+        {"platform/log",
+         {"platform/storage", "platform/partman", "platform/boot", "platform/fs", "platform/archive", "postprocessing/",
+          "cli/", "tests/"}},
+        {"platform", {"postprocessing/", "cli/", "tests/"}},
+        {"postprocessing", {"cli/", "tests/"}},
+        {"cli", {"tests/"}},
+    };
+    std::size_t checked = 0;
+    for (const auto& [folder, above] : forbidden)
+        for (const auto& include : includesUnder(folder)) {
+            ++checked;
+            for (const auto& prefix : above)
+                EXPECT_FALSE(startsWith(include.target, prefix)) << where(include);
+        }
+    EXPECT_GT(checked, 100u); // the tree was found and read
+}
+
+TEST(Layers, NoFileSystemFamilyIncludesAnother)
+{
+    std::size_t familyIncludes = 0;
+    for (const auto& include : includesUnder("platform/fs")) {
+        const std::string from = familyOf(include.file);
+        const std::string to = familyOf(include.target);
+        if (from.empty() || to.empty())
+            continue;
+        ++familyIncludes;
+        EXPECT_EQ(from, to) << where(include);
+    }
+    EXPECT_GT(familyIncludes, 0u);
+}
+
+} // namespace
