@@ -49,7 +49,7 @@ std::optional<std::uint32_t> ExfatVolume::detect(Interfaces::Storage& storage)
         if (first[kMustBeZero + i] != 0)
             return std::nullopt;
     const std::uint32_t bytesPerSector = 1u << shift;
-    if (boot.u64(kVolumeLength) * bytesPerSector > storage.elementCount() * storage.elementSize())
+    if (!fitsInStorage(storage, boot.u64(kVolumeLength), bytesPerSector))
         return std::nullopt;
     const auto region = readBytes(storage, 0, std::size_t(kRegionSectors) * bytesPerSector);
     if (region.empty() ||

@@ -40,7 +40,7 @@ std::optional<std::uint32_t> ExtVolume::detect(Interfaces::Storage& storage)
     if (view.u16(kMagic) != kExtMagic || logBlockSize > 6)
         return std::nullopt;
     const std::uint64_t blockSize = 1024ULL << logBlockSize;
-    if (view.u32(kBlocksCount) * blockSize > storage.elementCount() * storage.elementSize())
+    if (!fitsInStorage(storage, view.u32(kBlocksCount), blockSize))
         return std::nullopt;
     const std::uint32_t incompat = view.u32(kFeatureIncompat);
     if (incompat & kIncompatJournalDev)

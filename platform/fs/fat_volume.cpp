@@ -60,7 +60,7 @@ std::optional<FatVolume::Layout> FatVolume::detect(Interfaces::Storage& storage)
         return std::nullopt;
     const std::uint64_t rootSectors = (std::uint64_t(rootEntries) * 32 + bytesPerSector - 1) / bytesPerSector;
     const std::uint64_t metadata = reserved + fats * fatSize + rootSectors;
-    if (metadata >= total || total * bytesPerSector > storage.elementCount() * storage.elementSize())
+    if (metadata >= total || !fitsInStorage(storage, total, bytesPerSector))
         return std::nullopt;
     const std::uint64_t clusters = (total - metadata) / sectorsPerCluster;
 

@@ -70,7 +70,7 @@ std::optional<XfsVolume::Geometry> XfsVolume::detect(Interfaces::Storage& storag
         !powerOfTwo(g.sectorSize) || g.sectorSize < 512 || g.sectorSize > 32768 || g.agBlocks == 0 || g.agCount == 0 ||
         g.agBlockLog > 31 || (std::uint64_t(1) << g.agBlockLog) < g.agBlocks)
         return std::nullopt;
-    if (view.be64(kDataBlocks) * g.blockSize > storage.elementCount() * storage.elementSize())
+    if (!fitsInStorage(storage, view.be64(kDataBlocks), g.blockSize))
         return std::nullopt;
     if (!validSuperblock(readBytes(storage, 0, g.sectorSize), g.crc))
         return std::nullopt;

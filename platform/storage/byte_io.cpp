@@ -63,4 +63,9 @@ std::vector<std::uint8_t> readBytes(Interfaces::Storage& storage, std::uint64_t 
     return bytes;
 }
 
+bool fitsInStorage(const Interfaces::Storage& storage, std::uint64_t count, std::uint64_t unitBytes)
+{
+    return unitBytes != 0 && count <= storage.elementCount() * storage.elementSize() / unitBytes;
+}
+
 } // namespace Platform

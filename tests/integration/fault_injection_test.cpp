@@ -95,8 +95,7 @@ TEST_F(FaultInjection, VolumeIdChangesOfEveryFamilyAreOldOrNew)
             auto keeper = PP::Keeper::create();
             const PP::u64 partition = keeper->addEntry(PP::KindPartition, {}, {}, 1, 0);
             Platform::ScopedLogCapture quiet;
-            const auto result =
-                PP::Common::changeVolumeId(keeper, Platform::MountHelper::open(counted), partition, 0);
+            const auto result = PP::Common::changeVolumeId(keeper, Platform::MountHelper::open(counted), partition, 0);
             return std::pair(result, counted->writeCalls);
         };
 
@@ -110,8 +109,8 @@ TEST_F(FaultInjection, VolumeIdChangesOfEveryFamilyAreOldOrNew)
         for (std::uint64_t failing = 0; failing < writes; ++failing) {
             const auto torn = copyOf(original);
             EXPECT_EQ(change(*torn, failing).first, PP::StepResult::Failed) << family.name << " write " << failing;
-            EXPECT_TRUE(torn->bytes() == original) << family.name << ": write " << failing << " of " << writes
-                                                   << " left the file system changed";
+            EXPECT_TRUE(torn->bytes() == original)
+                << family.name << ": write " << failing << " of " << writes << " left the file system changed";
             if (failing == writes / 2) { // byte-identical, so once per family is proof enough
                 TestSupport::saveImage(*torn, dir.file("torn.part"));
                 auto check = family.check;
@@ -167,7 +166,7 @@ TEST_F(FaultInjection, FileWritesThroughTheFacadeAreOldOrNew)
         ASSERT_TRUE(done) << name;
         const std::string written = dir.file("new.part");
         TestSupport::saveImage(*complete, written);
-        const auto read = fat               ? std::vector<std::string>{"mtype", "-i", written, "::" + path}
+        const auto read = fat              ? std::vector<std::string>{"mtype", "-i", written, "::" + path}
                           : name == "ntfs" ? std::vector<std::string>{"ntfscat", written, path}
                                            : std::vector<std::string>{"debugfs", "-R", "cat " + path, written};
         EXPECT_EQ(runTool(read), newText) << name;
@@ -202,8 +201,8 @@ TEST_F(FaultInjection, AWholeRunNamesOnlyIdsThatReachedTheDisk)
 
     const std::string image = dir.file("disk.img");
     TestSupport::createImage(image, 64 << 20);
-    runTool({"sgdisk", "-n1:2048:+16M", "-t1:ef00", "-n2:34816:+32M", "-t2:8300", "-u2:" + rootGuid,
-             "-n3:100352:+8M", "-t3:8200", image});
+    runTool({"sgdisk", "-n1:2048:+16M", "-t1:ef00", "-n2:34816:+32M", "-t2:8300", "-u2:" + rootGuid, "-n3:100352:+8M",
+             "-t3:8200", image});
     std::filesystem::create_directories(dir.file("root/etc/initramfs-tools/conf.d"));
     std::filesystem::create_directories(dir.file("root/boot/grub"));
     std::ofstream(dir.file("root/etc/fstab")) << "UUID=" << rootUuid << " / ext4 errors=remount-ro 0 1\n"
@@ -266,10 +265,9 @@ TEST_F(FaultInjection, AWholeRunNamesOnlyIdsThatReachedTheDisk)
             if (std::regex_search(info, found, std::regex("unique GUID: (\\S+)")))
                 outcome.idsOnDisk.insert(lower(found[1].str()));
         }
-        for (const auto& [name, slice, check] :
-             {std::tuple{"boot", boot, std::vector<std::string>{"fsck.fat", "-n"}},
-              std::tuple{"root", root, std::vector<std::string>{"e2fsck", "-fn"}},
-              std::tuple{"swap", swap, std::vector<std::string>{"blkid", "-p"}}}) {
+        for (const auto& [name, slice, check] : {std::tuple{"boot", boot, std::vector<std::string>{"fsck.fat", "-n"}},
+                                                 std::tuple{"root", root, std::vector<std::string>{"e2fsck", "-fn"}},
+                                                 std::tuple{"swap", swap, std::vector<std::string>{"blkid", "-p"}}}) {
             const std::string part = dir.file(std::string(name) + ".slice");
             saveSlice(bytes, slice.start, slice.sectors, part);
             auto checker = check;

@@ -67,6 +67,22 @@ TEST(MountHelper, ExfatChecksumGuardsTheBootRegion)
     EXPECT_FALSE(MountHelper::open(made(dir, {"mke2fs", "-q", "-F", "-O", "journal_dev", "-b", "4096"}, 16)));
 }
 
+// 2^55 sectors of 512 bytes is 2^64 bytes: a size check that multiplies would wrap to 0 and
+// take the volume for one that fits an 8 MiB image.
+TEST(MountHelper, ASizeThatWrapsWhenMultipliedIsNoFit)
+{
+    TestSupport::TempDir dir;
+    auto storage = made(dir, {"mkfs.exfat"}, 8);
+    ASSERT_EQ(MountHelper::probe(storage), FsExfat);
+    auto& bytes = storage->bytes();
+    ByteWriter(bytes).u64(0x48, std::uint64_t(1) << 55);
+    // The boot checksum made right again, as a crafted image would have it.
+    const std::uint32_t checksum = ExfatVolume::bootChecksum(std::span(bytes).first(12 * 512), 512);
+    for (std::size_t at = 11 * 512; at < 12 * 512; at += 4)
+        ByteWriter(bytes).u32(at, checksum);
+    EXPECT_EQ(MountHelper::probe(storage), FsNone);
+}
+
 TEST(MountHelper, FamiliesWithoutARecordedOffsetSayNotSupported)
 {
     TestSupport::TempDir dir;
