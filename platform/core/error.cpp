@@ -1,5 +1,7 @@
 #include "platform/core/error.h"
 
+#include <cerrno>
+
 namespace Platform {
 
 namespace {
@@ -14,6 +16,35 @@ std::uint32_t Error::get() noexcept
 void Error::set(std::uint32_t code) noexcept
 {
     lastError = code;
+}
+
+std::uint32_t Error::fromErrno(int value) noexcept
+{
+    switch (value) {
+    case ENOENT:
+        return PathNotFound;
+    case EROFS:
+    case EACCES:
+    case EPERM:
+        return ReadOnly;
+    case EBUSY:
+    case EEXIST:
+    case ENOTDIR:
+    case EISDIR:
+    case EINVAL:
+    case EFBIG:
+    case ENOSPC:
+        return std::uint32_t(value);
+    case EUCLEAN:
+        return Corrupt;
+    case ENOTSUP:
+        return NotSupported;
+    case ENXIO:
+    case ENODEV:
+        return DeviceBroken;
+    default:
+        return Io;
+    }
 }
 
 } // namespace Platform

@@ -88,7 +88,7 @@ Ref<ExtFilesys> ExtFilesys::open(Ref<Interfaces::Storage> storage, bool readOnly
         return {};
     }
     if (!readOnly && ext2fs_read_bitmaps(fs->get()) != 0) {
-        Error::set(EIO);
+        Error::set(Error::Io);
         return {};
     }
     return makeRef<ExtFilesys>(std::move(fs), readOnly);
@@ -166,7 +166,7 @@ Ref<File> ExtFilesys::openFile(const std::string& path, std::uint32_t flags)
 {
     const bool write = (flags & OpenFlags::Write) != 0;
     if (write && readOnly_) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return {};
     }
     ext2_ino_t ino = lookup(path);

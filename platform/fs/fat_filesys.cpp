@@ -38,7 +38,7 @@ constexpr std::uint32_t kFsInfoLead = 0x41615252, kFsInfoStruct = 0x61417272;
 
 void damaged()
 {
-    Error::set(EUCLEAN);
+    Error::set(Error::Corrupt);
 }
 
 std::uint8_t shortNameChecksum(const std::uint8_t* name)
@@ -186,7 +186,7 @@ bool FatFilesys::Volume::forEachSlot(const Node& directory, const std::vector<st
             blockStart = offset;
             block = readBytes(*storage, offset, unit);
             if (block.empty()) {
-                Error::set(EIO);
+                Error::set(Error::Io);
                 return false;
             }
         }
@@ -298,7 +298,7 @@ std::optional<std::uint32_t> FatFilesys::Volume::allocate()
             return cluster;
         }
     }
-    Error::set(ENOSPC);
+    Error::set(Error::NoSpace);
     return std::nullopt;
 }
 
@@ -514,7 +514,7 @@ std::uint64_t FatFile::read(void* buffer, std::uint64_t length)
 std::uint64_t FatFile::write(const void* buffer, std::uint64_t length)
 {
     if (!writable_ || position_ + length > 0xFFFFFFFF) {
-        Error::set(writable_ ? EFBIG : EROFS);
+        Error::set(writable_ ? Error::TooLarge : Error::ReadOnly);
         return 0;
     }
     auto& volume = fs_->volume();
@@ -722,7 +722,7 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
     std::set<std::string> taken;
     for (const auto& child : *children) {
         if (StringUtil::lower(child.name) == StringUtil::lower(name)) {
-            Error::set(EEXIST);
+            Error::set(Error::Exists);
             return std::nullopt;
         }
         taken.insert(StringUtil::lower(shortNameText(child.shortName.data())));
@@ -748,7 +748,7 @@ std::optional<FatFilesys::Node> FatFilesys::createEntry(const std::string& path,
         return std::nullopt;
     while (run < needed) {
         if (parent->entryOffset == 0 && volume_->type != FsFat32) {
-            Error::set(ENOSPC); // the FAT12/16 root directory has a fixed size
+            Error::set(Error::NoSpace); // the FAT12/16 root directory has a fixed size
             return std::nullopt;
         }
         const auto clusters = volume_->chain(parent->firstCluster);
@@ -807,7 +807,7 @@ Ref<File> FatFilesys::openFile(const std::string& path, std::uint32_t flags)
 {
     const bool write = (flags & OpenFlags::Write) != 0;
     if (write && readOnly_) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return {};
     }
     auto node = lookup(path);
@@ -816,7 +816,7 @@ Ref<File> FatFilesys::openFile(const std::string& path, std::uint32_t flags)
     if (!node)
         return {};
     if (node->isDirectory()) {
-        Error::set(EISDIR);
+        Error::set(Error::IsDirectory);
         return {};
     }
     auto file = makeRef<FatFile>(Ref<FatFilesys>(this), *node, write);
@@ -831,7 +831,7 @@ Ref<Directory> FatFilesys::openDirectory(const std::string& path)
     if (!node)
         return {};
     if (!node->isDirectory()) {
-        Error::set(ENOTDIR);
+        Error::set(Error::NotDirectory);
         return {};
     }
     const auto children = volume_->list(*node);
@@ -847,7 +847,7 @@ Ref<Directory> FatFilesys::openDirectory(const std::string& path)
 bool FatFilesys::createDirectory(const std::string& path)
 {
     if (readOnly_) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return false;
     }
     const auto slash = path.rfind('/');
@@ -879,14 +879,14 @@ bool FatFilesys::createDirectory(const std::string& path)
 bool FatFilesys::removeFile(const std::string& path)
 {
     if (readOnly_) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return false;
     }
     const auto node = lookup(path);
     if (!node)
         return false;
     if (node->isDirectory()) {
-        Error::set(EISDIR);
+        Error::set(Error::IsDirectory);
         return false;
     }
     const auto clusters = volume_->chain(node->firstCluster);

@@ -13,9 +13,10 @@ namespace Platform {
 
 namespace {
 
-void setErrno()
+// Why a change cannot even be tried, or None.
+std::uint32_t refusal(bool readOnly, const std::string& host)
 {
-    Error::set(errno == ENOENT ? Error::PathNotFound : std::uint32_t(errno));
+    return readOnly ? Error::ReadOnly : host.empty() ? Error::PathNotFound : Error::None;
 }
 
 class HostFile : public File {
@@ -37,7 +38,7 @@ public:
     {
         const ssize_t done = ::pread(fd_, buffer, length, off_t(position_));
         if (done < 0) {
-            setErrno();
+            Error::setFromErrno();
             return 0;
         }
         position_ += std::uint64_t(done);
@@ -47,7 +48,7 @@ public:
     {
         const ssize_t done = ::pwrite(fd_, buffer, length, off_t(position_));
         if (done < 0) {
-            setErrno();
+            Error::setFromErrno();
             return 0;
         }
         position_ += std::uint64_t(done);
@@ -56,7 +57,7 @@ public:
     std::uint64_t resize(std::uint64_t newSize) override
     {
         if (::ftruncate(fd_, off_t(newSize)) != 0)
-            setErrno();
+            Error::setFromErrno();
         return size();
     }
     bool flush() override { return ::fsync(fd_) == 0; }
@@ -104,7 +105,7 @@ Ref<File> HostFilesys::openFile(const std::string& path, std::uint32_t flags)
 {
     const bool write = (flags & OpenFlags::Write) != 0;
     if (write && readOnly_) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return {};
     }
     int mode = write ? O_RDWR : O_RDONLY;
@@ -115,7 +116,7 @@ Ref<File> HostFilesys::openFile(const std::string& path, std::uint32_t flags)
     const std::string host = hostPath(path);
     const int fd = host.empty() ? -1 : ::open(host.c_str(), mode | O_CLOEXEC, 0644);
     if (fd < 0) {
-        setErrno();
+        Error::setFromErrno();
         return {};
     }
     return makeRef<HostFile>(fd);
@@ -126,7 +127,7 @@ Ref<Directory> HostFilesys::openDirectory(const std::string& path)
     const std::string host = hostPath(path);
     DIR* handle = host.empty() ? nullptr : ::opendir(host.c_str());
     if (!handle) {
-        setErrno();
+        Error::setFromErrno();
         return {};
     }
     return makeRef<HostDirectory>(handle, host);
@@ -135,8 +136,12 @@ Ref<Directory> HostFilesys::openDirectory(const std::string& path)
 bool HostFilesys::createDirectory(const std::string& path)
 {
     const std::string host = hostPath(path);
-    if (readOnly_ || host.empty() || ::mkdir(host.c_str(), 0755) != 0) {
-        setErrno();
+    if (const std::uint32_t code = refusal(readOnly_, host)) {
+        Error::set(code);
+        return false;
+    }
+    if (::mkdir(host.c_str(), 0755) != 0) {
+        Error::setFromErrno();
         return false;
     }
     return true;
@@ -145,8 +150,12 @@ bool HostFilesys::createDirectory(const std::string& path)
 bool HostFilesys::removeFile(const std::string& path)
 {
     const std::string host = hostPath(path);
-    if (readOnly_ || host.empty() || ::unlink(host.c_str()) != 0) {
-        setErrno();
+    if (const std::uint32_t code = refusal(readOnly_, host)) {
+        Error::set(code);
+        return false;
+    }
+    if (::unlink(host.c_str()) != 0) {
+        Error::setFromErrno();
         return false;
     }
     return true;

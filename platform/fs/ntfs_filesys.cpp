@@ -154,7 +154,7 @@ struct UnicodeName {
 
 void setError()
 {
-    Error::set(errno == ENOENT ? Error::PathNotFound : std::uint32_t(errno));
+    Error::setFromErrno();
 }
 
 std::pair<std::string, std::string> splitPath(const std::string& path)
@@ -318,7 +318,7 @@ Ref<File> NtfsFilesys::openFile(const std::string& path, std::uint32_t flags)
 {
     const bool write = (flags & OpenFlags::Write) != 0;
     if (write && mount_->readOnly) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return {};
     }
     ntfs_inode* inode = ntfs_pathname_to_inode(mount_->volume, nullptr, path.c_str());
@@ -368,7 +368,7 @@ Ref<Directory> NtfsFilesys::openDirectory(const std::string& path)
 bool NtfsFilesys::create(const std::string& path, bool directory)
 {
     if (mount_->readOnly) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return false;
     }
     const auto [parentPath, name] = splitPath(path);
@@ -398,7 +398,7 @@ bool NtfsFilesys::createDirectory(const std::string& path)
 bool NtfsFilesys::removeFile(const std::string& path)
 {
     if (mount_->readOnly) {
-        Error::set(EROFS);
+        Error::set(Error::ReadOnly);
         return false;
     }
     const auto [parentPath, name] = splitPath(path);

@@ -74,7 +74,7 @@ StagedFilesys::~StagedFilesys()
 bool StagedFilesys::usable() const
 {
     if (broken_)
-        Error::set(Error::WriteFailed);
+        Error::set(Error::Io);
     return !broken_;
 }
 
@@ -103,7 +103,7 @@ bool StagedFilesys::commit()
     breakOff(restored ? "A write failed: the file system was put back as it was before the change"
                       : "A write failed and the sectors already written could not all be put back: run the "
                         "file system's checker");
-    Error::set(Error::WriteFailed);
+    Error::set(Error::Io);
     return false;
 }
 

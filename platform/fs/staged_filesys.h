@@ -35,7 +35,7 @@ public:
     // did stage some breaks the facade.
     bool settle(bool ok, std::uint64_t writesBefore);
     std::uint64_t stagedWrites() const { return staging_->writeCalls(); }
-    // false (Error::WriteFailed set) once an operation failed part-way.
+    // false (Error::Io set) once an operation failed part-way.
     bool usable() const;
 
 private:

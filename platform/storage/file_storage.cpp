@@ -24,7 +24,7 @@ constexpr std::uint32_t kImageSectorSize = 512;
 
 void setErrorFromErrno()
 {
-    Error::set(errno == ENOENT ? Error::PathNotFound : std::uint32_t(errno));
+    Error::setFromErrno();
 }
 
 // Transfers all bytes or stops at the first error or end of file; returns the bytes moved.
@@ -118,7 +118,7 @@ Ref<FileStorage> FileStorage::open(const std::string& path, Access access)
     const bool blockDevice = ::stat(path.c_str(), &named) == 0 && S_ISBLK(named.st_mode);
     if (writing && blockDevice) {
         if ((lastOpenProblem = inUse(path)); !lastOpenProblem.empty()) {
-            Error::set(EBUSY);
+            Error::set(Error::Busy);
             return {};
         }
     }
