@@ -3,7 +3,7 @@
 // sparse image with 100,000 files, as a ratio. With a checksum seed only the superblocks change:
 // the cost must not grow with the size of the file system.
 
-#include "platform/fs/ext_volume.h"
+#include "platform/fs/ext/volume.h"
 #include "platform/log/log.h"
 #include "platform/storage/file_storage.h"
 #include "tests/support/command.h"

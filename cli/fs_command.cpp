@@ -32,19 +32,21 @@ int failure(int code, const std::string& message)
     return code;
 }
 
+// The well-known failures in plain words, the others as the platform described them.
 std::string errorText()
 {
+    const std::string& detail = Error::text();
     switch (Error::get()) {
     case Error::PathNotFound:
         return "no such file or directory";
-    case EUCLEAN:
-        return "the file system is damaged here";
-    case EEXIST:
+    case Error::Corrupt:
+        return "the file system is damaged here" + (detail.empty() ? "" : ": " + detail);
+    case Error::Exists:
         return "already exists";
-    case EROFS:
+    case Error::ReadOnly:
         return "the file system is open read-only";
     default:
-        return "error " + std::to_string(Error::get());
+        return detail.empty() ? "error " + std::to_string(Error::get()) : detail;
     }
 }
 

@@ -1,5 +1,6 @@
 #include "cli/plan.h"
 
+#include "platform/core/error.h"
 #include "platform/partman/partition_manager.h"
 #include "platform/storage/file_storage.h"
 #include "platform/storage/window_storage.h"
@@ -79,8 +80,8 @@ void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Re
     const auto targetTable = PartitionManager::create(target, 512);
     if (!targetTable) {
         // A disk without a table has nothing to refuse; one whose table was refused does.
-        if (refused && !PartitionManager::lastRefusal().empty())
-            refused->push_back({options.targets[targetIndex], "partition table", PartitionManager::lastRefusal()});
+        if (refused && Platform::Error::get() == Platform::Error::Corrupt)
+            refused->push_back({options.targets[targetIndex], "partition table", Platform::Error::text()});
         return;
     }
     const auto sourceTable = source ? PartitionManager::create(source, 512) : Ref<PartitionManager>();

@@ -15,6 +15,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<std::uint8_t> changed(id ? id->size() : 16, 0xA5);
     fs->setVolumeId(changed);
     fs->setPartitionOffset(63);
-    fs->mirrorBootSector();
+    fs->setGeometry(255, 63);
     return 0;
 }

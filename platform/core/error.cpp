@@ -6,7 +6,8 @@ namespace Platform {
 
 namespace {
 thread_local std::uint32_t lastError = Error::None;
-}
+thread_local std::string lastText;
+} // namespace
 
 std::uint32_t Error::get() noexcept
 {
@@ -16,6 +17,18 @@ std::uint32_t Error::get() noexcept
 void Error::set(std::uint32_t code) noexcept
 {
     lastError = code;
+    lastText.clear();
+}
+
+void Error::set(std::uint32_t code, std::string text)
+{
+    lastError = code;
+    lastText = std::move(text);
+}
+
+const std::string& Error::text() noexcept
+{
+    return lastText;
 }
 
 std::uint32_t Error::fromErrno(int value) noexcept

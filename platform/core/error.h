@@ -1,9 +1,11 @@
 #pragma once
-// The per-thread code of the last failed platform call, from one closed set for every layer. The
-// codes with a POSIX counterpart keep its number, so that a code in a log line reads familiar.
+// The per-thread code of the last failed platform call, from one closed set for every layer, and
+// the text that says what failed where. The codes with a POSIX counterpart keep its number, so
+// that a code in a log line reads familiar.
 
 #include <cerrno>
 #include <cstdint>
+#include <string>
 
 namespace Platform {
 
@@ -26,7 +28,12 @@ public:
     static constexpr std::uint32_t DeviceBroken = 0x10004; // the medium stopped answering
 
     static std::uint32_t get() noexcept;
+    // Sets the code and clears the text.
     static void set(std::uint32_t code) noexcept;
+    // Sets the code and what failed, for the caller's log line.
+    static void set(std::uint32_t code, std::string text);
+    // What the last failure said; empty when it set a code only.
+    static const std::string& text() noexcept;
     // The code for an errno value; anything outside the set is an I/O failure.
     static std::uint32_t fromErrno(int value) noexcept;
     static void setFromErrno() noexcept { set(fromErrno(errno)); }

@@ -24,9 +24,9 @@ public:
     std::string refusal() const override { return reason_; }
 
 protected:
-    bool writeVolumeId(std::span<const std::uint8_t>) override { return fail(reason_); }
-    bool writePartitionOffset(std::uint64_t) override { return fail(reason_); }
-    bool writeBootSectorMirror() override { return fail(reason_); }
+    bool writeVolumeId(std::span<const std::uint8_t>) override { return fail(Error::Corrupt, reason_); }
+    bool writePartitionOffset(std::uint64_t) override { return fail(Error::Corrupt, reason_); }
+    bool writeGeometry(std::uint32_t, std::uint32_t) override { return fail(Error::Corrupt, reason_); }
 
 private:
     std::uint32_t type_;

@@ -1,11 +1,8 @@
 #include "platform/fs/filesys.h"
 
 #include "platform/core/error.h"
-#include "platform/fs/ext_filesys.h"
-#include "platform/fs/fat_filesys.h"
 #include "platform/fs/filesys_base.h"
-#include "platform/fs/host_filesys.h"
-#include "platform/fs/ntfs_filesys.h"
+#include "platform/fs/host/filesys.h"
 #include "platform/fs/staged_filesys.h"
 #include "platform/storage/file_storage.h"
 
@@ -33,37 +30,19 @@ Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, bool 
     return storage ? create(storage, flags, readOnly) : Ref<Filesys>();
 }
 
-namespace {
-
-Ref<Filesys> openFamily(Ref<Interfaces::Storage> storage, std::uint32_t type, bool readOnly)
+Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bool readOnly)
 {
-    switch (type) {
-    case FsFat12:
-    case FsFat16:
-    case FsFat32:
-        return FatFilesys::open(std::move(storage), readOnly);
-    case FsNtfs:
-        return NtfsFilesys::open(std::move(storage), readOnly);
-    case FsExt2:
-    case FsExt3:
-    case FsExt4:
-        return ExtFilesys::open(std::move(storage), readOnly);
-    default:
+    // One look at the structures: the facade is built from what the volume object parsed.
+    const Ref<FileSysBase> volume = MountHelper::open(storage);
+    if (!volume || !volume->refusal().empty()) {
         Error::set(Error::NotSupported);
         return {};
     }
-}
-
-} // namespace
-
-Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bool readOnly)
-{
-    const std::uint32_t type = MountHelper::probe(storage);
-    if (readOnly || type == FsNone)
-        return openFamily(std::move(storage), type, readOnly);
+    if (readOnly)
+        return volume->openFiles(std::move(storage), true);
     // Every change reaches the disk whole or not at all.
-    return StagedFilesys::open(std::move(storage), [type](Ref<Interfaces::Storage> staged) {
-        return openFamily(std::move(staged), type, false);
+    return StagedFilesys::open(std::move(storage), [volume](Ref<Interfaces::Storage> staged) {
+        return volume->openFiles(std::move(staged), false);
     });
 }
 

@@ -14,15 +14,25 @@ bool FileSysBase::setPartitionOffset(std::uint64_t sector)
     return undoable([&] { return writePartitionOffset(sector); });
 }
 
-bool FileSysBase::mirrorBootSector()
+bool FileSysBase::setGeometry(std::uint32_t heads, std::uint32_t sectorsPerTrack)
 {
-    return undoable([&] { return writeBootSectorMirror(); });
+    return undoable([&] { return writeGeometry(heads, sectorsPerTrack); });
+}
+
+Ref<Filesys> FileSysBase::openFiles(Ref<Interfaces::Storage>, bool) const
+{
+    Error::set(Error::NotSupported);
+    return {};
 }
 
 bool FileSysBase::writePartitionOffset(std::uint64_t)
 {
-    Error::set(Error::NotSupported);
-    return fail("this file system records no partition offset");
+    return fail(Error::NotSupported, "this file system records no partition offset");
+}
+
+bool FileSysBase::writeGeometry(std::uint32_t, std::uint32_t)
+{
+    return fail(Error::NotSupported, "this file system records no disk geometry");
 }
 
 bool FileSysBase::undoable(const std::function<bool()>& change)
@@ -34,10 +44,13 @@ bool FileSysBase::undoable(const std::function<bool()>& change)
     }
     if (undo_->savedSectors() == 0)
         return false;
+    const std::uint32_t code = Error::get();
+    const std::string text = Error::text();
     if (undo_->rollback())
-        error_ += "; the sectors already written were put back";
+        Error::set(code, text + "; the sectors already written were put back");
     else
-        error_ += "; the sectors already written could not all be put back: run the file system's checker";
+        Error::set(code,
+                   text + "; the sectors already written could not all be put back: run the file system's checker");
     return false;
 }
 

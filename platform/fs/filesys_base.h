@@ -3,7 +3,9 @@
 // places where it records its own position and the disk's geometry.
 
 #include "platform/core/byte_array.h"
+#include "platform/core/error.h"
 #include "platform/core/fs_type.h"
+#include "platform/fs/filesys.h"
 #include "platform/storage/undo_storage.h"
 
 #include <functional>
@@ -17,21 +19,23 @@ public:
     virtual std::uint32_t type() const = 0;
     // The volume id as the file system stores it (4, 8 or 16 bytes).
     virtual Ref<ByteArray> volumeId() const = 0;
-    // Each change below is all or nothing: false (with errorText) when it cannot be made, and a
-    // write that fails part-way has the sectors already written put back.
+    // Each change below is all or nothing: false (with Error's code and text) when it cannot be
+    // made, and a write that fails part-way has the sectors already written put back.
 
     // false when the id does not fit or cannot be written.
     bool setVolumeId(std::span<const std::uint8_t> id);
     // The partition's first sector, for the families that record it. The others answer false
     // with Error 0x10002 (not supported by this file system).
     bool setPartitionOffset(std::uint64_t sector);
-    // Makes the backup boot sector match sector 0 again after a caller changed sector 0 fields
-    // (FAT32, NTFS); true where there is no backup.
-    bool mirrorBootSector();
+    // The disk geometry a BIOS boot sector records (FAT, NTFS), in the boot sector and its
+    // backup. The other families answer false with Error 0x10002.
+    bool setGeometry(std::uint32_t heads, std::uint32_t sectorsPerTrack);
+    // The file facade over this file system, built from what was parsed here, on storage (this
+    // volume's storage or a staging layer over it); null with Error 0x10002 for the families
+    // without one.
+    virtual Ref<Filesys> openFiles(Ref<Interfaces::Storage> storage, bool readOnly) const;
     // Why this file system must not be written at all (its structures are impossible), or empty.
     virtual std::string refusal() const { return {}; }
-
-    const std::string& errorText() const { return error_; }
 
 protected:
     explicit FileSysBase(Ref<Interfaces::Storage> storage)
@@ -42,11 +46,11 @@ protected:
     // The changes as each family makes them, writing through storage_.
     virtual bool writeVolumeId(std::span<const std::uint8_t> id) = 0;
     virtual bool writePartitionOffset(std::uint64_t sector);
-    virtual bool writeBootSectorMirror() { return true; }
+    virtual bool writeGeometry(std::uint32_t heads, std::uint32_t sectorsPerTrack);
 
-    bool fail(std::string text)
+    static bool fail(std::uint32_t code, std::string text)
     {
-        error_ = std::move(text);
+        Error::set(code, std::move(text));
         return false;
     }
 
@@ -57,9 +61,6 @@ private:
 
 protected:
     Ref<Interfaces::Storage> storage_;
-
-private:
-    std::string error_;
 };
 
 class MountHelper {

@@ -1,12 +1,13 @@
 #include "platform/core/error.h"
-#include "platform/fs/btrfs_volume.h"
+#include "platform/fs/btrfs/volume.h"
 #include "platform/fs/damaged_volume.h"
-#include "platform/fs/exfat_volume.h"
-#include "platform/fs/ext_volume.h"
-#include "platform/fs/fat_volume.h"
-#include "platform/fs/ntfs_volume.h"
-#include "platform/fs/swap_volume.h"
-#include "platform/fs/xfs_volume.h"
+#include "platform/fs/exfat/volume.h"
+#include "platform/fs/ext/volume.h"
+#include "platform/fs/family.h"
+#include "platform/fs/fat/volume.h"
+#include "platform/fs/ntfs/volume.h"
+#include "platform/fs/swap/volume.h"
+#include "platform/fs/xfs/volume.h"
 
 namespace Platform {
 
@@ -49,32 +50,7 @@ Ref<FileSysBase> MountHelper::createFilesysBase(Ref<Interfaces::Storage> storage
 
 const char* MountHelper::typeName(std::uint32_t type)
 {
-    switch (type) {
-    case FsFat12:
-        return "FAT12";
-    case FsFat16:
-        return "FAT16";
-    case FsFat32:
-        return "FAT32";
-    case FsExfat:
-        return "exFAT";
-    case FsNtfs:
-        return "NTFS";
-    case FsExt2:
-        return "ext2";
-    case FsExt3:
-        return "ext3";
-    case FsExt4:
-        return "ext4";
-    case FsXfs:
-        return "XFS";
-    case FsBtrfs:
-        return "Btrfs";
-    case FsSwap:
-        return "swap";
-    default:
-        return "unknown";
-    }
+    return fsFamily(type).name;
 }
 
 } // namespace Platform

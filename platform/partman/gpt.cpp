@@ -2,10 +2,10 @@
 
 #include "platform/core/bytes.h"
 #include "platform/core/crc32.h"
+#include "platform/core/error.h"
 #include "platform/partman/layout.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 namespace Platform {
@@ -260,7 +260,7 @@ std::uint32_t GuidPartitionTable::commit(bool flush)
     for (auto& partition : partitions_)
         partition->markCommitted();
     if (flush && !storage_->flush())
-        return EIO;
+        return Error::Io;
     // After the flush: the kernel reads what reached the device.
     if (wroteSectors_)
         if (const std::string note = storage_->partitionTableChanged(); !note.empty())

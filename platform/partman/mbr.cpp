@@ -1,6 +1,7 @@
 #include "platform/partman/mbr.h"
 
 #include "platform/core/bytes.h"
+#include "platform/core/error.h"
 #include "platform/partman/layout.h"
 
 #include <algorithm>
@@ -239,7 +240,7 @@ std::uint32_t MbrPartitionTable::commit(bool flush)
     for (auto& partition : partitions_)
         partition->markCommitted();
     if (flush && !storage_->flush())
-        return 5;
+        return Error::Io;
     // After the flush: the kernel reads what reached the device.
     if (wroteSectors_)
         if (const std::string note = storage_->partitionTableChanged(); !note.empty())

@@ -5,7 +5,6 @@
 #include "platform/partman/layout.h"
 #include "platform/partman/mbr.h"
 
-#include <cerrno>
 #include <cstring>
 
 namespace Platform {
@@ -16,24 +15,15 @@ LogChannel PartitionManager::channel()
     return registered;
 }
 
-namespace {
-thread_local std::string lastRefusalText;
-} // namespace
-
 PartitionManager::Refusal::~Refusal()
 {
-    lastRefusalText = text_.str();
-    LogMessage(channel(), LogError) << lastRefusalText;
-}
-
-const std::string& PartitionManager::lastRefusal()
-{
-    return lastRefusalText;
+    Error::set(Error::Corrupt, text_.str());
+    LogMessage(channel(), LogError) << Error::text();
 }
 
 Ref<PartitionManager> PartitionManager::create(Ref<Interfaces::Storage> storage, std::uint32_t)
 {
-    lastRefusalText.clear();
+    Error::set(Error::None);
     if (!storage || storage->elementSize() < Partman::Layout::Mbr::kSectorSize || storage->elementCount() < 2) {
         LogMessage(channel(), LogWarning) << "No partition table: the disk is too small or its sectors are";
         return {};
@@ -64,7 +54,7 @@ std::uint32_t PartitionManager::writeChanged(std::uint64_t lba, const std::vecto
             continue;
         wroteSectors_ = true;
         if (undo_->write(lba + at / sector, 1, now.data() + at) != 1) {
-            const std::uint32_t code = Error::get() ? Error::get() : std::uint32_t(EIO);
+            const std::uint32_t code = Error::get() ? Error::get() : Error::Io;
             LogMessage(channel(), LogError) << "Could not write sector " << lba + at / sector;
             return code;
         }

@@ -17,12 +17,10 @@ namespace Platform {
 class PartitionManager : public Object {
 public:
     // The table on storage, or null (with a log line on the "Partman" channel) when there is none
-    // or it is damaged beyond what a partitioning tool would repair. sectorSize is the caller's
-    // expectation; the table is read in the storage's own element size.
+    // or it is damaged beyond what a partitioning tool would repair: then Error says Corrupt, with
+    // the reason as logged for its text. sectorSize is the caller's expectation; the table is read
+    // in the storage's own element size.
     static Ref<PartitionManager> create(Ref<Interfaces::Storage> storage, std::uint32_t sectorSize);
-    // Why the last create() or commit() on this thread refused the table, as it was logged; empty
-    // after a create() that succeeded.
-    static const std::string& lastRefusal();
 
     virtual TableType tableType() const = 0;
     // The MBR signature (4 bytes as on disk) or the GPT disk GUID (16 bytes).
@@ -38,7 +36,7 @@ public:
     }
 
     // Writes every changed sector, the table's backup copy first, and flushes when asked. Returns
-    // 0 on success, else the error code of the failed write: the sectors already written are
+    // 0 on success, else the Error code of the failed write: the sectors already written are
     // then put back, and where even that fails, each copy is the old or the new one, never a
     // torn sector mix within one copy's header.
     virtual std::uint32_t commit(bool flush = true) = 0;
@@ -60,8 +58,8 @@ protected:
 
     static LogChannel channel();
 
-    // A reason the table is refused: logged at level 4 when it goes out of scope, and kept for
-    // lastRefusal().
+    // A reason the table is refused: logged at level 4 when it goes out of scope, and kept as
+    // Error's text with the code Corrupt.
     class Refusal {
     public:
         Refusal() = default;

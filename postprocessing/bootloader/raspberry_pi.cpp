@@ -2,6 +2,7 @@
 
 #include "platform/core/error.h"
 #include "platform/core/string_util.h"
+#include "platform/fs/family.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/file_tools.h"
 #include "postprocessing/tools/target_filesystem.h"
@@ -21,11 +22,6 @@ std::optional<std::pair<std::string, std::string>> splitOption(const std::string
     if (equals == std::string::npos)
         return std::nullopt;
     return std::pair{option.substr(0, equals), option.substr(equals + 1)};
-}
-
-bool isFat(u32 type)
-{
-    return type == Platform::FsFat12 || type == Platform::FsFat16 || type == Platform::FsFat32;
 }
 
 // Both firmware files must be there; a missing one is normal and silent.
@@ -124,7 +120,7 @@ StepResult adjustRaspberryPi(Ref<Keeper> keeper)
     StepResult result = StepResult::NothingFound;
     for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
          partition = keeper->findNext(KindPartition, partition, 0)) {
-        if (!isFat(Tools::getToFileSystemType(keeper, partition)))
+        if (!Platform::isFat(Tools::getToFileSystemType(keeper, partition)))
             continue;
         const auto fs = Tools::getToFSItemFactory(keeper, partition, 1);
         if (fs && holdsPiFirmware(*fs) && adjustCommandLine(*fs, maps.fsIds, maps.partitionIds))

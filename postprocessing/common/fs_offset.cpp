@@ -1,7 +1,7 @@
 #include "postprocessing/common/fs_offset.h"
 
-#include "platform/core/bytes.h"
 #include "platform/core/error.h"
+#include "platform/fs/family.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/disk_geometry.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -13,17 +13,9 @@ namespace Libraries::KRO::PostProcessing::Common {
 
 namespace {
 
-constexpr std::size_t kSectorsPerTrack = 0x18; // u16
-constexpr std::size_t kHeads = 0x1A;           // u16
 // Without a recorded geometry this step assumes the BIOS translation of 255 heads.
 constexpr u32 kDefaultHeads = 255;
 constexpr u32 kDefaultSectors = 63;
-
-bool hasBootSectorGeometry(u32 type)
-{
-    return type == Platform::FsFat12 || type == Platform::FsFat16 || type == Platform::FsFat32 ||
-           type == Platform::FsNtfs;
-}
 
 StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, Platform::FileSysBase& fs, u32 heads, u32 sectors)
 {
@@ -42,16 +34,10 @@ StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, Platform::Fil
         LogMessage(Channels::common(), LogError) << "Read failed";
         return StepResult::Failed;
     }
-    Platform::ByteWriter out(sector);
-    out.u16(kSectorsPerTrack, u16(sectors));
-    out.u16(kHeads, u16(heads));
-    if (storage->write(0, 1, sector.data()) != 1) {
-        LogMessage(Channels::common(), LogError) << "Write failed";
-        return StepResult::Failed;
-    }
-    // FAT32 and NTFS keep a backup boot sector that their checkers compare with sector 0.
-    if (!fs.mirrorBootSector()) {
-        LogMessage(Channels::common(), LogError) << "Write failed: " << fs.errorText();
+    // The file system writes the fields, into its backup boot sector too (FAT32, NTFS: their
+    // checkers compare it with sector 0), and puts back what it wrote when a write fails.
+    if (!fs.setGeometry(heads, sectors)) {
+        LogMessage(Channels::common(), LogError) << "Write failed: " << Platform::Error::text();
         return StepResult::Failed;
     }
     return StepResult::Ok;
@@ -75,7 +61,7 @@ StepResult adjustPartitionCHS(Ref<Keeper> keeper)
         for (u64 partition = keeper->findNext(KindPartition, 0, disk); partition != 0;
              partition = keeper->findNext(KindPartition, partition, disk)) {
             const auto fs = Tools::openToFileSystem(keeper, partition);
-            if (fs && hasBootSectorGeometry(fs->type()))
+            if (fs && Platform::fsFamily(fs->type()).biosBootSector)
                 result = foldResult(result, writeGeometry(keeper, partition, *fs, heads, sectors));
         }
     }
@@ -103,7 +89,8 @@ StepResult adjustFsOffset(Ref<Keeper> keeper)
             result = foldResult(result, StepResult::Ok);
         } else if (Platform::Error::get() != Platform::Error::NotSupported) {
             LogMessage(Channels::common(), LogError)
-                << "Could not set offset of " << Tools::entryLogName(*keeper, partition) << ": " << fs->errorText();
+                << "Could not set offset of " << Tools::entryLogName(*keeper, partition) << ": "
+                << Platform::Error::text();
             result = StepResult::Failed;
         }
     }

@@ -3,6 +3,7 @@
 #include "platform/core/error.h"
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
+#include "platform/fs/family.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/format_fs_id.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -15,31 +16,16 @@ namespace {
 
 using Platform::MountHelper;
 
-// Id length and size message of the families that have a volume id; 0 for the others.
-struct Family {
-    std::size_t length;
-    const char* sizeMessage;
-};
-
-Family familyOf(u32 type)
+// The message for a new id of the wrong size, by the length the family's ids have.
+const char* sizeMessage(std::size_t idLength)
 {
-    switch (type) {
-    case Platform::FsFat12:
-    case Platform::FsFat16:
-    case Platform::FsFat32:
-    case Platform::FsExfat:
-        return {4, "Size of new FAT id incorrect"};
-    case Platform::FsNtfs:
-        return {8, "Size of new NTFS id incorrect"};
-    case Platform::FsExt2:
-    case Platform::FsExt3:
-    case Platform::FsExt4:
-    case Platform::FsXfs:
-    case Platform::FsBtrfs:
-    case Platform::FsSwap:
-        return {16, "Size of new ext ID incorrect"};
+    switch (idLength) {
+    case 4:
+        return "Size of new FAT id incorrect";
+    case 8:
+        return "Size of new NTFS id incorrect";
     default:
-        return {0, nullptr};
+        return "Size of new ext ID incorrect";
     }
 }
 
@@ -90,21 +76,21 @@ StepResult changeVolumeId(Ref<Keeper> keeper, Ref<Platform::FileSysBase> fs, u64
 
     Ref<ByteArray> newId = idEntry ? Platform::refCast<ByteArray>(keeper->getToObject(idEntry)) : Ref<ByteArray>();
     const char* typeName = MountHelper::typeName(fs->type());
-    const Family family = familyOf(fs->type());
-    if (family.length == 0) {
+    const std::size_t idLength = Platform::fsFamily(fs->type()).idLength;
+    if (idLength == 0) {
         LogMessage(Channels::common(), LogDetail) << "Changing volume id not supported for " << typeName;
         return StepResult::NothingFound;
     }
     if (!newId)
-        newId = randomId(family.length);
-    else if (newId->size() != family.length)
-        LogMessage(Channels::common(), LogError) << family.sizeMessage; // the file system decides
+        newId = randomId(idLength);
+    else if (newId->size() != idLength)
+        LogMessage(Channels::common(), LogError) << sizeMessage(idLength); // the file system decides
     LogMessage(Channels::common(), LogDetail) << "Changing volume ID for " << typeName;
     LogMessage(Channels::common(), LogDetail) << "Old ID:" << Tools::hexBytes(current.get());
     LogMessage(Channels::common(), LogDetail) << "New ID:" << Tools::hexBytes(newId.get());
     if (!fs->setVolumeId(newId->bytes())) {
         LogMessage(Channels::common(), LogError)
-            << "Could not change volume id for " << typeName << ": " << fs->errorText();
+            << "Could not change volume id for " << typeName << ": " << Platform::Error::text();
         return StepResult::Failed;
     }
     if (current)

@@ -46,17 +46,14 @@ bool startsWith(const std::string& text, const std::string& prefix)
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-// The family a platform/fs file belongs to, by its name; empty for the shared pieces.
+// The family a platform/fs file belongs to, by its folder; empty for the shared pieces.
 std::string familyOf(const std::string& path)
 {
-    static const std::vector<std::string> families{"btrfs", "exfat", "ext", "fat", "host", "ntfs", "swap", "xfs"};
-    const std::string name = fs::path(path).filename().string();
-    if (!startsWith(path, "platform/fs/"))
+    const std::string root = "platform/fs/";
+    if (!startsWith(path, root))
         return {};
-    for (const auto& family : families)
-        if (startsWith(name, family + "_"))
-            return family;
-    return {};
+    const std::size_t slash = path.find('/', root.size());
+    return slash == std::string::npos ? std::string{} : path.substr(root.size(), slash - root.size());
 }
 
 std::string where(const Include& include)

@@ -2,7 +2,7 @@
 
 #include "platform/core/bytes.h"
 #include "platform/core/error.h"
-#include "platform/fs/exfat_volume.h"
+#include "platform/fs/exfat/volume.h"
 #include "tests/support/command.h"
 
 #include <gtest/gtest.h>
@@ -59,7 +59,7 @@ TEST(MountHelper, ExfatChecksumGuardsTheBootRegion)
     EXPECT_EQ(damaged->type(), FsExfat);
     EXPECT_FALSE(damaged->setVolumeId(serial));
     EXPECT_FALSE(damaged->setPartitionOffset(2048));
-    EXPECT_NE(damaged->errorText().find("run fsck.exfat first"), std::string::npos);
+    EXPECT_NE(Error::text().find("run fsck.exfat first"), std::string::npos);
     EXPECT_EQ(storage->bytes(), before);
     EXPECT_EQ(MountHelper::probe(storage), FsNone); // no tool can handle it
 
@@ -94,7 +94,7 @@ TEST(MountHelper, FamiliesWithoutARecordedOffsetSayNotSupported)
     EXPECT_FALSE(MountHelper::createFilesysBase(made(dir, {"mkfs.fat", "-F", "16"}), FsNtfs));
     const std::uint8_t shortId[] = {1, 2};
     EXPECT_FALSE(volume->setVolumeId(shortId));
-    EXPECT_NE(volume->errorText().find("16 bytes"), std::string::npos);
+    EXPECT_NE(Error::text().find("16 bytes"), std::string::npos);
 }
 
 } // namespace

@@ -17,7 +17,7 @@ public:
     bool writeVolumeId(std::span<const u8> id) override
     {
         if (id.size() != id_.size())
-            return fail("wrong size");
+            return fail(Platform::Error::Invalid, "wrong size");
         id_.assign(id.begin(), id.end());
         return true;
     }

@@ -1,0 +1,95 @@
+#include "platform/fs/btrfs/volume.h"
+
+#include "platform/core/bytes.h"
+#include "platform/core/crc32c.h"
+#include "platform/storage/byte_io.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Platform {
+
+namespace {
+
+constexpr std::uint64_t kCopies[] = {64ULL << 10, 64ULL << 20, 256ULL << 30};
+constexpr std::size_t kSuperblockSize = 4096;
+constexpr std::size_t kChecksum = 0x00;      // 32 bytes, crc32c in the first four
+constexpr std::size_t kChecksummed = 0x20;   // the checksum covers the rest of the block
+constexpr std::size_t kFsid = 0x20;          // 16 bytes
+constexpr std::size_t kBytenr = 0x30;        // u64: the copy's own offset
+constexpr std::size_t kMagic = 0x40;         // "_BHRfS_M"
+constexpr std::size_t kTotalBytes = 0x70;    // u64
+constexpr std::size_t kNumDevices = 0x88;    // u64
+constexpr std::size_t kIncompat = 0xBC;      // u64
+constexpr std::size_t kCsumType = 0xC4;      // u16, 0 = crc32c
+constexpr std::size_t kMetadataUuid = 0x23B; // 16 bytes
+constexpr std::uint64_t kIncompatMetadataUuid = 0x400;
+constexpr char kMagicText[] = "_BHRfS_M";
+
+std::uint32_t checksumOf(const std::vector<std::uint8_t>& block)
+{
+    return crc32c(std::span(block).subspan(kChecksummed));
+}
+
+bool validCopy(const std::vector<std::uint8_t>& block, std::uint64_t offset)
+{
+    ByteView view(block);
+    return block.size() == kSuperblockSize && std::memcmp(block.data() + kMagic, kMagicText, 8) == 0 &&
+           view.u64(kBytenr) == offset && view.u16(kCsumType) == 0 && view.u32(kChecksum) == checksumOf(block);
+}
+
+} // namespace
+
+std::optional<std::vector<std::uint64_t>> BtrfsVolume::detect(Interfaces::Storage& storage)
+{
+    const std::uint64_t size = storage.elementCount() * storage.elementSize();
+    const auto primary = readBytes(storage, kCopies[0], kSuperblockSize);
+    if (!validCopy(primary, kCopies[0]))
+        return std::nullopt;
+    ByteView view(primary);
+    if (view.u64(kNumDevices) != 1 || view.u64(kTotalBytes) > size)
+        return std::nullopt;
+    std::vector<std::uint64_t> copies{kCopies[0]};
+    for (std::uint64_t offset : {kCopies[1], kCopies[2]})
+        if (offset + kSuperblockSize <= size && validCopy(readBytes(storage, offset, kSuperblockSize), offset))
+            copies.push_back(offset);
+    return copies;
+}
+
+Ref<ByteArray> BtrfsVolume::volumeId() const
+{
+    const auto fsid = readBytes(*storage_, kCopies[0] + kFsid, 16);
+    return fsid.empty() ? Ref<ByteArray>() : ByteArray::create(fsid);
+}
+
+bool BtrfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
+{
+    if (id.size() != 16)
+        return fail(Error::Invalid, "a Btrfs fsid is 16 bytes, not " + std::to_string(id.size()));
+    std::vector<std::vector<std::uint8_t>> blocks;
+    for (std::uint64_t offset : copies_) {
+        blocks.push_back(readBytes(*storage_, offset, kSuperblockSize));
+        if (!validCopy(blocks.back(), offset))
+            return fail(Error::Corrupt,
+                        "the superblock at byte " + std::to_string(offset) + " changed or cannot be read");
+    }
+    for (auto& block : blocks) {
+        ByteView view(block);
+        ByteWriter out(block);
+        const std::uint64_t incompat = view.u64(kIncompat);
+        if (!(incompat & kIncompatMetadataUuid)) {
+            // The tree blocks keep naming the old fsid: it becomes the metadata UUID.
+            out.bytes(kMetadataUuid, view.bytes(kFsid, 16));
+            out.u64(kIncompat, incompat | kIncompatMetadataUuid);
+        }
+        out.bytes(kFsid, id);
+        out.u32(kChecksum, checksumOf(block));
+    }
+    // Mirrors first, the primary last.
+    for (std::size_t i = blocks.size(); i-- > 0;)
+        if (!writeBytes(*storage_, copies_[i], blocks[i]))
+            return fail(Error::Io, "the superblock at byte " + std::to_string(copies_[i]) + " cannot be written");
+    return true;
+}
+
+} // namespace Platform
