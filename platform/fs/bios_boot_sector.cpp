@@ -16,7 +16,8 @@ bool BiosBootSectorVolume::updateBootSector(const std::function<void(ByteWriter&
     if (!out.ok())
         return fail(Error::Invalid, "the change does not fit the boot sector");
     if (backupOffset_ != 0 && !writeBytes(*storage_, backupOffset_, boot))
-        return fail(Error::Io, "the backup boot sector at byte " + std::to_string(backupOffset_) + " cannot be written");
+        return fail(Error::Io,
+                    "the backup boot sector at byte " + std::to_string(backupOffset_) + " cannot be written");
     if (!writeBytes(*storage_, 0, boot))
         return fail(Error::Io, "the boot sector cannot be written");
     return true;

@@ -11,10 +11,10 @@ namespace Platform {
 
 struct FsFamily {
     FsType type;
-    const char* name;      // as log lines name it
-    std::size_t idLength;  // bytes of the volume id; 0 when the family has none we change
-    bool isFat;            // FAT12, FAT16 or FAT32
-    bool biosBootSector;   // a boot sector with the BIOS parameter block's geometry and hidden sectors
+    const char* name;     // as log lines name it
+    std::size_t idLength; // bytes of the volume id; 0 when the family has none we change
+    bool isFat;           // FAT12, FAT16 or FAT32
+    bool biosBootSector;  // a boot sector with the BIOS parameter block's geometry and hidden sectors
 };
 
 // The family of a type code; a nameless entry ("unknown", no id) for codes outside the table.

@@ -39,7 +39,8 @@ public:
     bool write();
 
 private:
-    AllocationTable(Ref<Interfaces::Storage> storage, const BootSector& boot) : storage_(std::move(storage)), boot_(boot)
+    AllocationTable(Ref<Interfaces::Storage> storage, const BootSector& boot)
+        : storage_(std::move(storage)), boot_(boot)
     {
     }
 

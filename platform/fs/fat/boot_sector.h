@@ -19,8 +19,8 @@ struct BootSector {
     std::uint32_t fats = 0;
     std::uint32_t rootEntries = 0; // FAT12/16 fixed root directory
     std::uint64_t totalSectors = 0;
-    std::uint64_t fatSectors = 0;  // one FAT copy
-    std::uint32_t rootCluster = 0; // FAT32
+    std::uint64_t fatSectors = 0;   // one FAT copy
+    std::uint32_t rootCluster = 0;  // FAT32
     std::uint32_t fsInfoSector = 0; // FAT32; 0 when there is none
     std::uint32_t backupSector = 0; // FAT32 backup boot sector; 0 when there is none
     std::size_t serialOffset = 0;   // 0 when the boot sector has no extended signature

@@ -179,8 +179,7 @@ std::vector<RawEntry> longNameEntries(const std::u16string& units, std::uint8_t 
     return entries;
 }
 
-RawEntry shortNameEntry(const ShortName& name, std::uint8_t attributes,
-                                                  std::uint32_t firstCluster)
+RawEntry shortNameEntry(const ShortName& name, std::uint8_t attributes, std::uint32_t firstCluster)
 {
     RawEntry entry{};
     const auto [time, date] = dosTimeAndDate();
@@ -304,8 +303,7 @@ bool updateEntry(AllocationTable& table, const Node& node)
     out.u16(E::kWriteDate, date);
     out.u16(E::kClusterLow, std::uint16_t(node.firstCluster));
     out.u32(E::kFileSize, node.size);
-    return writeBytes(table.storage(), node.entryOffset + E::kClusterHigh,
-                      std::span(entry).subspan(E::kClusterHigh));
+    return writeBytes(table.storage(), node.entryOffset + E::kClusterHigh, std::span(entry).subspan(E::kClusterHigh));
 }
 
 bool markDeleted(AllocationTable& table, const Node& node)

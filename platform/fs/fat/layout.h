@@ -12,19 +12,19 @@ namespace Platform::Fat::Layout {
 
 namespace BootSector {
 using namespace BiosParameterBlock;
-inline constexpr std::size_t kReservedSectors = 0x0E;      // u16
-inline constexpr std::size_t kNumberOfFats = 0x10;         // u8
-inline constexpr std::size_t kRootEntries = 0x11;          // u16, FAT12/16
-inline constexpr std::size_t kTotalSectors16 = 0x13;       // u16, 0 when the u32 holds it
-inline constexpr std::size_t kMedia = 0x15;                // u8
-inline constexpr std::size_t kFatSize16 = 0x16;            // u16, 0 on FAT32
-inline constexpr std::size_t kTotalSectors32 = 0x20;       // u32
-inline constexpr std::size_t kExtendedSignature16 = 0x26;  // 0x28 or 0x29, the serial follows
-inline constexpr std::size_t kFatSize32 = 0x24;            // u32
-inline constexpr std::size_t kRootCluster = 0x2C;          // u32
-inline constexpr std::size_t kFsInfoSector = 0x30;         // u16
-inline constexpr std::size_t kBackupBootSector = 0x32;     // u16
-inline constexpr std::size_t kExtendedSignature32 = 0x42;  // 0x28 or 0x29, the serial follows
+inline constexpr std::size_t kReservedSectors = 0x0E;     // u16
+inline constexpr std::size_t kNumberOfFats = 0x10;        // u8
+inline constexpr std::size_t kRootEntries = 0x11;         // u16, FAT12/16
+inline constexpr std::size_t kTotalSectors16 = 0x13;      // u16, 0 when the u32 holds it
+inline constexpr std::size_t kMedia = 0x15;               // u8
+inline constexpr std::size_t kFatSize16 = 0x16;           // u16, 0 on FAT32
+inline constexpr std::size_t kTotalSectors32 = 0x20;      // u32
+inline constexpr std::size_t kExtendedSignature16 = 0x26; // 0x28 or 0x29, the serial follows
+inline constexpr std::size_t kFatSize32 = 0x24;           // u32
+inline constexpr std::size_t kRootCluster = 0x2C;         // u32
+inline constexpr std::size_t kFsInfoSector = 0x30;        // u16
+inline constexpr std::size_t kBackupBootSector = 0x32;    // u16
+inline constexpr std::size_t kExtendedSignature32 = 0x42; // 0x28 or 0x29, the serial follows
 inline constexpr std::size_t kSerialLength = 4;
 } // namespace BootSector
 static_assert(BootSector::kExtendedSignature32 + 1 + BootSector::kSerialLength + 11 + 8 <= BootSector::kBootSignature);
@@ -42,17 +42,17 @@ static_assert(FsInfo::kNextFree + 4 + 16 == 512);
 // A short (8.3) directory entry.
 namespace Entry {
 inline constexpr std::size_t kSize = 32;
-inline constexpr std::size_t kName = 0;        // 11 bytes, "NAME    EXT"
+inline constexpr std::size_t kName = 0; // 11 bytes, "NAME    EXT"
 inline constexpr std::size_t kNameLength = 11;
-inline constexpr std::size_t kAttributes = 11; // u8
-inline constexpr std::size_t kCreateTime = 14; // u16
-inline constexpr std::size_t kCreateDate = 16; // u16
-inline constexpr std::size_t kAccessDate = 18; // u16
-inline constexpr std::size_t kClusterHigh = 20; // u16, FAT32
-inline constexpr std::size_t kWriteTime = 22;   // u16
-inline constexpr std::size_t kWriteDate = 24;   // u16
-inline constexpr std::size_t kClusterLow = 26;  // u16
-inline constexpr std::size_t kFileSize = 28;    // u32
+inline constexpr std::size_t kAttributes = 11;        // u8
+inline constexpr std::size_t kCreateTime = 14;        // u16
+inline constexpr std::size_t kCreateDate = 16;        // u16
+inline constexpr std::size_t kAccessDate = 18;        // u16
+inline constexpr std::size_t kClusterHigh = 20;       // u16, FAT32
+inline constexpr std::size_t kWriteTime = 22;         // u16
+inline constexpr std::size_t kWriteDate = 24;         // u16
+inline constexpr std::size_t kClusterLow = 26;        // u16
+inline constexpr std::size_t kFileSize = 28;          // u32
 inline constexpr std::uint8_t kEndOfDirectory = 0x00; // in the name's first byte
 inline constexpr std::uint8_t kDeleted = 0xE5;        // in the name's first byte
 inline constexpr std::uint8_t kStandsForE5 = 0x05;    // a first byte 0xE5 of a real name

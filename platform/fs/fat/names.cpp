@@ -117,9 +117,7 @@ ShortName shortNameFor(const std::string& name, const std::set<std::string>& tak
         std::copy_n(cleanExt.begin(), cleanExt.size(), raw.begin() + 8);
         return raw;
     };
-    const auto text = [](const ShortName& raw) {
-        return StringUtil::lower(shortNameText(raw));
-    };
+    const auto text = [](const ShortName& raw) { return StringUtil::lower(shortNameText(raw)); };
     if (fits && !taken.count(text(compose(cleanBase))))
         return compose(cleanBase);
     needsLongName = true;
