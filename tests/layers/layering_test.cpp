@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -96,6 +98,22 @@ TEST(Layers, NoFileSystemFamilyIncludesAnother)
         EXPECT_EQ(from, to) << where(include);
     }
     EXPECT_GT(familyIncludes, 0u);
+}
+
+// What the families share is built before them (its own CMake target): only the probe and the
+// facade factory, built after every family, may name one.
+TEST(Layers, OnlyTheFactoriesIncludeAFamily)
+{
+    const std::vector<std::string> factories{"platform/fs/mount_helper.cpp", "platform/fs/open_filesys.cpp"};
+    std::size_t factoryIncludes = 0;
+    for (const auto& include : includesUnder("platform")) {
+        if (!familyOf(include.file).empty() || familyOf(include.target).empty())
+            continue;
+        const bool factory = std::find(factories.begin(), factories.end(), include.file) != factories.end();
+        factoryIncludes += factory;
+        EXPECT_TRUE(factory) << where(include);
+    }
+    EXPECT_GT(factoryIncludes, 0u);
 }
 
 } // namespace

@@ -86,8 +86,7 @@ TEST(GuidPartitionTable, EachDamagedPrimaryHeaderIsNamedAndTheBackupUsed)
 {
     const std::string at = "The primary GPT header at sector 1 ";
     EXPECT_EQ(primaryProblem([](GptDisk& d) { d.header(1)[0] = 'X'; }), at + "has no GPT signature");
-    EXPECT_EQ(primaryProblem([](GptDisk& d) { d.set32(1, H::kHeaderSize, 20); }),
-              at + "has an impossible header size");
+    EXPECT_EQ(primaryProblem([](GptDisk& d) { d.set32(1, H::kHeaderSize, 20); }), at + "has an impossible header size");
     EXPECT_EQ(primaryProblem([](GptDisk& d) { d.header(1)[H::kDiskGuid] ^= 1; }), at + "has a bad header CRC");
     EXPECT_EQ(primaryProblem([](GptDisk& d) { d.set64(1, H::kMyLba, 5); }), at + "does not point at itself");
     EXPECT_EQ(primaryProblem([](GptDisk& d) { d.set32(1, H::kEntrySize, 100); }),
