@@ -17,8 +17,30 @@ TEST(ByteView, ReadsBothByteOrdersAndRemembersAnOverrun)
     EXPECT_FALSE(view.ok());
     EXPECT_EQ(view.u8(0), 0); // once wrong, every later read yields 0 until the caller checks
     EXPECT_FALSE(view.ok());
-    EXPECT_TRUE(ByteView(bytes).bytes(5, 1).empty());
+    ByteView tail(bytes);
+    EXPECT_TRUE(tail.bytes(5, 1).empty());
+    EXPECT_FALSE(tail.ok());
 }
+
+#ifndef NDEBUG
+// A parser that never asks would take the zeros for data: debug builds stop it.
+TEST(ByteViewDeathTest, AnOverrunNobodyCheckedStopsADebugBuild)
+{
+    const std::uint8_t bytes[] = {1, 2, 3};
+    EXPECT_DEATH(
+        {
+            ByteView view(bytes);
+            static_cast<void>(view.u32(0));
+        },
+        "never checked");
+    EXPECT_DEATH(
+        {
+            std::uint8_t out[2] = {};
+            ByteWriter(out).u32(0, 1);
+        },
+        "never checked");
+}
+#endif
 
 TEST(ByteWriter, WritesBothByteOrdersAndRefusesOverruns)
 {
