@@ -37,21 +37,14 @@ bool FileSysBase::writeGeometry(std::uint32_t, std::uint32_t)
 
 bool FileSysBase::undoable(const std::function<bool()>& change)
 {
-    undo_->keep();
-    if (change()) {
-        undo_->keep();
-        return true;
-    }
-    if (undo_->savedSectors() == 0)
-        return false;
-    const std::uint32_t code = Error::get();
-    const std::string text = Error::text();
-    if (undo_->rollback())
-        Error::set(code, text + "; the sectors already written were put back");
-    else
-        Error::set(code,
-                   text + "; the sectors already written could not all be put back: run the file system's checker");
-    return false;
+    const auto outcome = undo_->run(change);
+    if (outcome == UndoStorage::Outcome::PutBack)
+        Error::set(Error::get(), Error::text() + "; the sectors already written were put back");
+    else if (outcome == UndoStorage::Outcome::NotAllPutBack)
+        Error::set(Error::get(), Error::text() +
+                                     "; the sectors already written could not all be put back: run the file "
+                                     "system's checker");
+    return outcome == UndoStorage::Outcome::Done;
 }
 
 } // namespace Platform

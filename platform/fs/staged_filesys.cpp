@@ -94,15 +94,13 @@ bool StagedFilesys::settle(bool ok, std::uint64_t writesBefore)
 
 bool StagedFilesys::commit()
 {
-    undo_->keep();
-    if (staging_->commit()) {
-        undo_->keep();
+    const auto outcome = undo_->run([this] { return staging_->commit(); });
+    if (outcome == UndoStorage::Outcome::Done)
         return true;
-    }
-    const bool restored = undo_->rollback();
-    breakOff(restored ? "A write failed: the file system was put back as it was before the change"
-                      : "A write failed and the sectors already written could not all be put back: run the "
-                        "file system's checker");
+    breakOff(outcome == UndoStorage::Outcome::NotAllPutBack
+                 ? "A write failed and the sectors already written could not all be put back: run the file "
+                   "system's checker"
+                 : "A write failed: the file system was put back as it was before the change");
     Error::set(Error::Io);
     return false;
 }

@@ -226,7 +226,7 @@ std::uint32_t GuidPartitionTable::commit(bool flush)
     for (const auto& partition : partitions_)
         if (partition->start() + partition->size() - 1 > lastUsable) {
             Refusal() << "The disk is too small for its GPT partitions";
-            return EINVAL;
+            return Error::Invalid;
         }
     const std::uint64_t primaryEntriesLba = primary_ ? primary_->entriesLba : 2;
 
@@ -238,18 +238,20 @@ std::uint32_t GuidPartitionTable::commit(bool flush)
     const bool backupInPlace = backup_ && !moved;
 
     // Backup first: while the primary is untouched, a failed write leaves the old table readable.
-    beginCommit();
-    std::uint32_t code = writeChanged(backupEntriesLba, backupInPlace ? backup_->entries : none, entries);
-    if (!code)
-        code = writeChanged(lastLba, backupInPlace ? backup_->header : none, backupHeader);
-    if (!code)
-        code = writeChanged(primaryEntriesLba, primary_ ? primary_->entries : none, entries);
-    if (!code)
-        code = writeChanged(1, primary_ ? primary_->header : none, primaryHeader);
-    if (!code && moved)
-        code = writeChanged(0, protectiveMbr_, buildProtectiveMbr(lastLba));
+    const std::uint32_t code = writeAsOne([&] {
+        std::uint32_t failed = writeChanged(backupEntriesLba, backupInPlace ? backup_->entries : none, entries);
+        if (!failed)
+            failed = writeChanged(lastLba, backupInPlace ? backup_->header : none, backupHeader);
+        if (!failed)
+            failed = writeChanged(primaryEntriesLba, primary_ ? primary_->entries : none, entries);
+        if (!failed)
+            failed = writeChanged(1, primary_ ? primary_->header : none, primaryHeader);
+        if (!failed && moved)
+            failed = writeChanged(0, protectiveMbr_, buildProtectiveMbr(lastLba));
+        return failed;
+    });
     if (code)
-        return failedCommit(code);
+        return code;
 
     primary_ = Copy{1, primaryEntriesLba, primaryHeader, entries};
     backup_ = Copy{lastLba, backupEntriesLba, backupHeader, entries};

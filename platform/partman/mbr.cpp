@@ -232,10 +232,14 @@ std::uint32_t MbrPartitionTable::commit(bool flush)
             patchEntry(updated[places_[i].sectorLba], places_[i].offset, *partitions_[i]);
 
     // Logical partitions first, sector 0 last: every single-sector write leaves a readable table.
-    beginCommit();
-    for (auto it = updated.rbegin(); it != updated.rend(); ++it)
-        if (const std::uint32_t code = writeChanged(it->first, sectors_[it->first], it->second))
-            return failedCommit(code);
+    const std::uint32_t code = writeAsOne([&] {
+        for (auto it = updated.rbegin(); it != updated.rend(); ++it)
+            if (const std::uint32_t failed = writeChanged(it->first, sectors_[it->first], it->second))
+                return failed;
+        return std::uint32_t(0);
+    });
+    if (code)
+        return code;
     sectors_ = std::move(updated);
     for (auto& partition : partitions_)
         partition->markCommitted();

@@ -62,13 +62,13 @@ std::uint32_t PartitionManager::writeChanged(std::uint64_t lba, const std::vecto
     return 0;
 }
 
-std::uint32_t PartitionManager::failedCommit(std::uint32_t code) const
+std::uint32_t PartitionManager::writeAsOne(const std::function<std::uint32_t()>& writes) const
 {
-    if (undo_->savedSectors() == 0)
-        return code;
-    if (undo_->rollback())
+    std::uint32_t code = 0;
+    const auto outcome = undo_->run([&] { return (code = writes()) == 0; });
+    if (outcome == UndoStorage::Outcome::PutBack)
         LogMessage(channel(), LogError) << "The sectors already written were put back: the table is as it was";
-    else
+    else if (outcome == UndoStorage::Outcome::NotAllPutBack)
         LogMessage(channel(), LogError) << "The sectors already written could not all be put back";
     return code;
 }

@@ -7,6 +7,7 @@
 #include "platform/partman/partition.h"
 #include "platform/storage/undo_storage.h"
 
+#include <functional>
 #include <span>
 #include <sstream>
 #include <string>
@@ -51,10 +52,9 @@ protected:
     // Writes the sectors of `now` that differ from `before` (both count whole sectors from lba).
     std::uint32_t writeChanged(std::uint64_t lba, const std::vector<std::uint8_t>& before,
                                const std::vector<std::uint8_t>& now) const;
-    // A commit begins: what it writes from now on can be taken back.
-    void beginCommit() const { undo_->keep(); }
-    // A commit failed with code: puts back what it wrote and says so; returns code.
-    std::uint32_t failedCommit(std::uint32_t code) const;
+    // Runs a commit's writes (0 or the code of the failed one) as one change: when one fails,
+    // what the others wrote is put back, and the log says so. Returns the writes' code.
+    std::uint32_t writeAsOne(const std::function<std::uint32_t()>& writes) const;
 
     static LogChannel channel();
 

@@ -38,6 +38,18 @@ std::uint64_t UndoStorage::write(std::uint64_t index, std::uint64_t count, const
     return base_->write(index, count, buffer);
 }
 
+UndoStorage::Outcome UndoStorage::run(const std::function<bool()>& change)
+{
+    keep();
+    if (change()) {
+        keep();
+        return Outcome::Done;
+    }
+    if (savedSectors() == 0)
+        return Outcome::NothingWritten;
+    return rollback() ? Outcome::PutBack : Outcome::NotAllPutBack;
+}
+
 bool UndoStorage::rollback()
 {
     bool restored = true;

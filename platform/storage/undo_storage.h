@@ -5,6 +5,7 @@
 
 #include "platform/storage/storage.h"
 
+#include <functional>
 #include <unordered_set>
 #include <vector>
 
@@ -25,6 +26,12 @@ public:
     std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) override;
     bool flush() override { return base_->flush(); }
     std::string partitionTableChanged() override { return base_->partitionTableChanged(); }
+
+    enum class Outcome { Done, NothingWritten, PutBack, NotAllPutBack };
+    // Runs change (which writes through this storage) as one change: when it succeeds its old
+    // contents are dropped; when it fails, what it wrote is put back, and the outcome says how
+    // far that got.
+    Outcome run(const std::function<bool()>& change);
 
     // Writes back what the sectors held before the change, the latest written first; false when
     // a sector could not be restored. The change is over either way.
