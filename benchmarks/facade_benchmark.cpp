@@ -90,6 +90,32 @@ void BM_Rewrite1MiB_Ntfs(benchmark::State& state)
     runBackend(state, kNtfs);
 }
 
+// A file written and read back in the 16 KiB blocks file copies use, on FAT32 with 512-byte
+// clusters: the cost per block must not grow with the file.
+void BM_Fat32BlockwiseCopy(benchmark::State& state)
+{
+    TestSupport::TempDir dir;
+    const std::string image = dir.file("blocks.img");
+    TestSupport::createImage(image, 256 << 20);
+    TestSupport::run({"mkfs.fat", "-F", "32", "-s", "1", image});
+    const std::uint64_t bytes = std::uint64_t(state.range(0)) << 20;
+    std::vector<char> block(16 << 10, 'x');
+    for (auto _ : state) {
+        auto storage = Platform::FileStorage::open(image, Platform::FileStorage::Access::ReadWrite);
+        auto fs = Platform::Filesys::create(storage, 0, false);
+        auto file = fs->openFile("/data.bin", Platform::OpenFlags::CreateOrTruncate);
+        for (std::uint64_t done = 0; done < bytes; done += block.size())
+            file->write(block.data(), block.size());
+        file->seek(0);
+        for (std::uint64_t done = 0; done < bytes; done += block.size())
+            benchmark::DoNotOptimize(file->read(block.data(), block.size()));
+        file->flush();
+        fs->flush();
+    }
+    state.counters["blocks"] = double(2 * bytes / block.size());
+}
+
+BENCHMARK(BM_Fat32BlockwiseCopy)->Arg(4)->Arg(16)->Arg(64)->Iterations(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Rewrite1MiB_Fat32)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Rewrite1MiB_Ext4)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Rewrite1MiB_Ntfs)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);

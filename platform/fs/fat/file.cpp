@@ -11,25 +11,32 @@ namespace {
 constexpr std::uint64_t kMaxFileSize = 0xFFFFFFFF; // the entry's size field
 }
 
-std::optional<std::vector<std::uint32_t>> FatFile::chainFor(std::uint64_t bytes, bool zeroNew)
+const std::vector<std::uint32_t>* FatFile::clusters()
 {
-    auto clusters = table_.chain(node_.firstCluster);
-    if (!clusters)
-        return std::nullopt;
+    if (!clusters_)
+        clusters_ = table_.chain(node_.firstCluster);
+    return clusters_ ? &*clusters_ : nullptr;
+}
+
+const std::vector<std::uint32_t>* FatFile::chainFor(std::uint64_t bytes, bool zeroNew)
+{
+    if (!clusters())
+        return nullptr;
+    auto& chain = *clusters_;
     const std::uint64_t clusterBytes = table_.boot().clusterBytes();
     const std::uint64_t needed = (bytes + clusterBytes - 1) / clusterBytes;
-    while (clusters->size() < needed) {
+    while (chain.size() < needed) {
         const auto cluster = table_.allocate();
         if (!cluster || (zeroNew && !table_.zeroCluster(*cluster)))
-            return std::nullopt;
-        if (clusters->empty())
+            return nullptr;
+        if (chain.empty())
             node_.firstCluster = *cluster;
         else
-            table_.set(clusters->back(), *cluster);
-        clusters->push_back(*cluster);
+            table_.set(chain.back(), *cluster);
+        chain.push_back(*cluster);
         dirty_ = true;
     }
-    return clusters;
+    return &chain;
 }
 
 template <typename Transfer>
@@ -64,11 +71,11 @@ std::uint64_t FatFile::read(void* buffer, std::uint64_t length)
     if (position_ >= node_.size)
         return 0;
     length = std::min<std::uint64_t>(length, node_.size - position_);
-    const auto clusters = table_.chain(node_.firstCluster);
-    if (!clusters)
+    const auto* chain = clusters();
+    if (!chain)
         return 0;
     auto* out = static_cast<std::uint8_t*>(buffer);
-    return transfer(*clusters, length, [&](std::uint64_t offset, std::uint64_t at, std::uint64_t count) {
+    return transfer(*chain, length, [&](std::uint64_t offset, std::uint64_t at, std::uint64_t count) {
         return readBytes(table_.storage(), offset, {out + at, count});
     });
 }
@@ -82,12 +89,12 @@ std::uint64_t FatFile::write(const void* buffer, std::uint64_t length)
     // A gap behind the end reads as zeros; the clusters written here need no zeroing first.
     if (position_ > node_.size && resize(position_) != position_)
         return 0;
-    const auto clusters = chainFor(position_ + length, false);
-    if (!clusters)
+    const auto* chain = chainFor(position_ + length, false);
+    if (!chain)
         return 0;
     const auto* in = static_cast<const std::uint8_t*>(buffer);
     const std::uint64_t done =
-        transfer(*clusters, length, [&](std::uint64_t offset, std::uint64_t at, std::uint64_t count) {
+        transfer(*chain, length, [&](std::uint64_t offset, std::uint64_t at, std::uint64_t count) {
             return writeBytes(table_.storage(), offset, {in + at, count});
         });
     if (position_ > node_.size) {
@@ -100,8 +107,8 @@ std::uint64_t FatFile::write(const void* buffer, std::uint64_t length)
 // New clusters come zeroed; the tail of the last old cluster is zeroed here.
 bool FatFile::grow(std::uint64_t newSize)
 {
-    const auto clusters = chainFor(newSize, true);
-    if (!clusters)
+    const auto* chain = chainFor(newSize, true);
+    if (!chain)
         return false;
     const std::uint64_t clusterBytes = table_.boot().clusterBytes();
     const std::uint64_t tailEnd =
@@ -109,23 +116,24 @@ bool FatFile::grow(std::uint64_t newSize)
     if (tailEnd <= node_.size)
         return true;
     const std::vector<std::uint8_t> zeros(std::size_t(tailEnd - node_.size), 0);
-    const std::uint32_t cluster = (*clusters)[node_.size / clusterBytes];
+    const std::uint32_t cluster = (*chain)[node_.size / clusterBytes];
     return writeBytes(table_.storage(), table_.clusterOffset(cluster) + node_.size % clusterBytes, zeros);
 }
 
 bool FatFile::shrink(std::uint64_t newSize)
 {
-    const auto clusters = table_.chain(node_.firstCluster);
-    if (!clusters)
+    if (!clusters())
         return false;
+    auto& chain = *clusters_;
     const std::uint64_t clusterBytes = table_.boot().clusterBytes();
     const std::size_t keep = std::size_t((newSize + clusterBytes - 1) / clusterBytes);
-    if (keep < clusters->size()) {
-        table_.release({clusters->begin() + std::ptrdiff_t(keep), clusters->end()});
+    if (keep < chain.size()) {
+        table_.release({chain.begin() + std::ptrdiff_t(keep), chain.end()});
+        chain.resize(keep);
         if (keep == 0)
             node_.firstCluster = 0;
         else
-            table_.set((*clusters)[keep - 1], table_.endMark());
+            table_.set(chain.back(), table_.endMark());
     }
     return true;
 }

@@ -29,9 +29,13 @@ public:
     bool flush() override;
 
 private:
+    // The file's clusters, read from the table once per open file and kept up to date as it
+    // grows and shrinks: a copy in small blocks would otherwise walk the chain at every block.
+    // Null on a damaged chain.
+    const std::vector<std::uint32_t>* clusters();
     // The chain, extended to hold bytes; new clusters are zeroed unless the caller fills them.
-    // Nothing on a damaged chain.
-    std::optional<std::vector<std::uint32_t>> chainFor(std::uint64_t bytes, bool zeroNew);
+    // Null on a damaged chain.
+    const std::vector<std::uint32_t>* chainFor(std::uint64_t bytes, bool zeroNew);
     // Moves bytes between the buffer and the file at the position, one transfer per run of
     // consecutive clusters.
     template <typename Transfer>
@@ -42,6 +46,7 @@ private:
     Ref<Object> owner_;
     AllocationTable& table_;
     Node node_;
+    std::optional<std::vector<std::uint32_t>> clusters_;
     bool writable_;
     bool dirty_ = false;
     std::uint64_t position_ = 0;
