@@ -8,6 +8,7 @@
 #include "platform/fs/ntfs/volume.h"
 #include "platform/fs/swap/volume.h"
 #include "platform/fs/xfs/volume.h"
+#include "platform/storage/read_once_storage.h"
 
 namespace Platform {
 
@@ -15,22 +16,24 @@ Ref<FileSysBase> MountHelper::open(Ref<Interfaces::Storage> storage)
 {
     if (!storage)
         return {};
+    // The detectors all look at the first sectors: each is read once for all of them.
+    const Ref<ReadOnceStorage> look = makeRef<ReadOnceStorage>(storage);
     // exFAT and NTFS first: their boot sectors would not pass as FAT, but their names are exact.
-    if (const auto bytesPerSector = ExfatVolume::detect(*storage))
+    if (const auto bytesPerSector = ExfatVolume::detect(*look))
         return makeRef<ExfatVolume>(std::move(storage), *bytesPerSector);
-    if (const auto layout = NtfsVolume::detect(*storage))
+    if (const auto layout = NtfsVolume::detect(*look))
         return makeRef<NtfsVolume>(std::move(storage), *layout);
-    if (const auto layout = FatVolume::detect(*storage))
-        return makeRef<FatVolume>(std::move(storage), *layout);
-    if (const auto type = ExtVolume::detect(*storage))
+    if (const auto boot = FatVolume::detect(*look))
+        return makeRef<FatVolume>(std::move(storage), *boot);
+    if (const auto type = ExtVolume::detect(*look))
         return makeRef<ExtVolume>(std::move(storage), *type);
-    if (auto copies = BtrfsVolume::detect(*storage))
+    if (auto copies = BtrfsVolume::detect(*look))
         return makeRef<BtrfsVolume>(std::move(storage), std::move(*copies));
-    if (const auto geometry = XfsVolume::detect(*storage))
+    if (const auto geometry = XfsVolume::detect(*look))
         return makeRef<XfsVolume>(std::move(storage), *geometry);
     // Last: a swap signature lies in the first page, where a file system made later may have
     // left it standing.
-    if (const auto layout = SwapVolume::detect(*storage))
+    if (const auto layout = SwapVolume::detect(*look))
         return makeRef<SwapVolume>(std::move(storage), *layout);
     return DamagedVolume::recognize(std::move(storage));
 }

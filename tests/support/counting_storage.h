@@ -6,7 +6,9 @@
 
 #include "platform/storage/storage.h"
 
+#include <algorithm>
 #include <limits>
+#include <map>
 
 namespace TestSupport {
 
@@ -20,6 +22,8 @@ public:
     {
         const auto done = base_->read(index, count, buffer);
         sectorsRead += done;
+        for (std::uint64_t i = 0; i < done; ++i)
+            mostReadsOfOneSector = std::max(mostReadsOfOneSector, ++readsOf[index + i]);
         return done;
     }
     std::uint64_t write(std::uint64_t index, std::uint64_t count, const void* buffer) override
@@ -34,6 +38,8 @@ public:
     bool flush() override { return base_->flush(); }
 
     std::uint64_t sectorsRead = 0;
+    std::map<std::uint64_t, std::uint64_t> readsOf; // sector -> times read
+    std::uint64_t mostReadsOfOneSector = 0;
     std::uint64_t sectorsWritten = 0;
     std::uint64_t writeBudget = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t writeCalls = 0;

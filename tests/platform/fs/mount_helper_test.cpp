@@ -4,6 +4,7 @@
 #include "platform/core/error.h"
 #include "platform/fs/exfat/volume.h"
 #include "tests/support/command.h"
+#include "tests/support/counting_storage.h"
 
 #include <gtest/gtest.h>
 
@@ -35,6 +36,21 @@ TEST(MountHelper, ProbesByTheFileSystemsOwnStructures)
     EXPECT_EQ(MountHelper::probe(made(dir, {"mkfs.ext4", "-q", "-F"})), FsExt4);
     EXPECT_EQ(MountHelper::probe(makeRef<MemoryStorage>(512u, 64u)), FsNone);
     EXPECT_STREQ(MountHelper::typeName(FsExfat), "exFAT");
+}
+
+// Every detector looks at the first sectors; none of them is read from the disk twice.
+TEST(MountHelper, AProbeReadsEachSectorOnce)
+{
+    TestSupport::TempDir dir;
+    for (const std::vector<std::string>& mkfs : {std::vector<std::string>{"mkswap"},
+                                                 {"mkfs.xfs", "-q", "-f"},
+                                                 {"mkfs.fat", "-F", "32", "-s", "1"},
+                                                 {"mkfs.ext4", "-q", "-F"}}) {
+        const auto counting = makeRef<TestSupport::CountingStorage>(made(dir, mkfs, 300));
+        EXPECT_TRUE(MountHelper::open(counting)) << mkfs[0];
+        EXPECT_GT(counting->sectorsRead, 0u);
+        EXPECT_EQ(counting->mostReadsOfOneSector, 1u) << mkfs[0];
+    }
 }
 
 TEST(MountHelper, ExfatChecksumGuardsTheBootRegion)
