@@ -33,6 +33,8 @@ std::optional<AllocationTable> AllocationTable::load(Ref<Interfaces::Storage> st
         Error::set(Error::Io, "the FAT cannot be read");
         return std::nullopt;
     }
+    for (std::uint32_t cluster = 2; cluster <= table.maxCluster_; ++cluster)
+        table.freeClusters_ += table.get(cluster) == 0;
     return table;
 }
 
@@ -58,6 +60,9 @@ std::uint32_t AllocationTable::get(std::uint32_t cluster) const
 
 void AllocationTable::set(std::uint32_t cluster, std::uint32_t value)
 {
+    const bool wasFree = get(cluster) == 0;
+    if (wasFree != (value == 0))
+        wasFree ? --freeClusters_ : ++freeClusters_;
     ByteWriter out(fat_);
     std::size_t at = 0, width = 0;
     switch (boot_.type) {
@@ -135,12 +140,9 @@ bool AllocationTable::write()
     dirtySectors_.clear();
     if (fsInfoOffset_ == 0)
         return true;
-    std::uint32_t free = 0;
-    for (std::uint32_t cluster = 2; cluster <= maxCluster_; ++cluster)
-        free += get(cluster) == 0;
     std::uint8_t fields[8];
     ByteWriter out(fields);
-    out.u32(0, free);
+    out.u32(0, freeClusters_);
     out.u32(Info::kNextFree - Info::kFreeCount, nextFree_);
     return writeBytes(*storage_, fsInfoOffset_ + Info::kFreeCount, fields);
 }

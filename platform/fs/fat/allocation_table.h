@@ -1,7 +1,7 @@
 #pragma once
 // The file allocation table of a FAT volume, held in memory: cluster chains read, grown and
 // released, and the changed sectors written to every FAT copy, with FAT32's FSInfo free count
-// recounted. A chain that loops or leaves the volume is an error, never followed.
+// kept right. A chain that loops or leaves the volume is an error, never followed.
 
 #include "platform/fs/fat/boot_sector.h"
 
@@ -35,7 +35,8 @@ public:
     std::optional<std::uint32_t> allocate();
     void release(const std::vector<std::uint32_t>& clusters);
     bool zeroCluster(std::uint32_t cluster);
-    // Every FAT copy gets the changed sectors, then FSInfo its recounted free clusters.
+    // Every FAT copy gets the changed sectors, then FSInfo the free clusters (counted once at
+    // load and kept as clusters are taken and released).
     bool write();
 
 private:
@@ -51,6 +52,7 @@ private:
     std::vector<std::uint8_t> fat_;  // the first copy
     std::set<std::uint64_t> dirtySectors_;
     std::uint32_t nextFree_ = 2;
+    std::uint32_t freeClusters_ = 0;
 };
 
 } // namespace Platform::Fat
