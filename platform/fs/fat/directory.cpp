@@ -48,29 +48,39 @@ std::optional<std::vector<std::uint64_t>> slotOffsets(const AllocationTable& tab
     return offsets;
 }
 
-// Calls visit(offset, entry) for each slot, reading a cluster (or, for the fixed root, a sector)
-// at a time, until visit returns false. false on a read error.
-template <typename Visit>
-bool forEachSlot(const AllocationTable& table, const Node& directory, const std::vector<std::uint64_t>& offsets,
-                 Visit visit)
+// A directory as read from disk: the offset of every slot, and the entries of the slots up to
+// the end-of-directory mark (the slots behind it are free and not read).
+struct Slots {
+    std::vector<std::uint64_t> offsets;
+    std::vector<RawEntry> inUse;
+};
+
+// Reads a cluster (or, for the fixed root, a sector) at a time, up to the end-of-directory mark.
+std::optional<Slots> readSlots(const AllocationTable& table, const Node& directory)
 {
+    auto offsets = slotOffsets(table, directory);
+    if (!offsets)
+        return std::nullopt;
+    Slots slots{std::move(*offsets), {}};
     const std::uint64_t unit = directory.isFixedRoot(table) ? table.boot().bytesPerSector : table.boot().clusterBytes();
     std::vector<std::uint8_t> block;
     std::uint64_t blockStart = 0;
-    for (std::uint64_t offset : offsets) {
+    for (std::uint64_t offset : slots.offsets) {
         if (block.empty() || offset < blockStart || offset >= blockStart + block.size()) {
             blockStart = offset;
             block = readBytes(table.storage(), offset, unit);
             if (block.size() < E::kSize) {
                 Error::set(Error::Io, "the directory at byte " + std::to_string(offset) + " cannot be read");
-                return false;
+                return std::nullopt;
             }
         }
         const std::size_t at = std::min<std::size_t>(std::size_t(offset - blockStart), block.size() - E::kSize);
-        if (!visit(offset, EntryBytes(block.data() + at, E::kSize)))
+        if (block[at] == E::kEndOfDirectory)
             break;
+        RawEntry& entry = slots.inUse.emplace_back();
+        std::copy_n(block.begin() + std::ptrdiff_t(at), E::kSize, entry.begin());
     }
-    return true;
+    return slots;
 }
 
 // Long-name pieces gathered until the 8.3 entry they belong to.
@@ -123,20 +133,16 @@ Node shortEntry(const AllocationTable& table, std::uint64_t offset, EntryBytes b
 }
 
 // The first index of a run of needed free slots, growing a cluster-based directory when there
-// is none; offsets gains the new slots.
-std::optional<std::size_t> freeRun(AllocationTable& table, const Node& directory, std::vector<std::uint64_t>& offsets,
-                                   std::size_t needed)
+// is none; the slots gain the new ones.
+std::optional<std::size_t> freeRun(AllocationTable& table, const Node& directory, Slots& slots, std::size_t needed)
 {
-    std::size_t run = 0, first = 0, slot = 0;
-    if (!forEachSlot(table, directory, offsets, [&](std::uint64_t, EntryBytes entry) {
-            const bool free = entry[0] == E::kEndOfDirectory || entry[0] == E::kDeleted;
-            run = free ? run + 1 : 0;
-            if (run == 1)
-                first = slot;
-            ++slot;
-            return run < needed;
-        }))
-        return std::nullopt;
+    std::size_t run = 0, first = 0;
+    for (std::size_t slot = 0; slot < slots.offsets.size() && run < needed; ++slot) {
+        const bool free = slot >= slots.inUse.size() || slots.inUse[slot][0] == E::kDeleted;
+        run = free ? run + 1 : 0;
+        if (run == 1)
+            first = slot;
+    }
     while (run < needed) {
         if (directory.isFixedRoot(table)) {
             Error::set(Error::NoSpace, "the root directory is full"); // FAT12/16: a fixed size
@@ -148,12 +154,30 @@ std::optional<std::size_t> freeRun(AllocationTable& table, const Node& directory
             return std::nullopt;
         table.set(clusters->back(), *cluster);
         if (run == 0)
-            first = offsets.size();
+            first = slots.offsets.size();
         for (std::uint32_t i = 0; i < table.boot().clusterBytes() / E::kSize; ++i)
-            offsets.push_back(table.clusterOffset(*cluster) + std::uint64_t(i) * E::kSize);
+            slots.offsets.push_back(table.clusterOffset(*cluster) + std::uint64_t(i) * E::kSize);
         run += table.boot().clusterBytes() / E::kSize;
     }
     return first;
+}
+
+// The entries of the slots in use, volume labels and deleted entries left out.
+std::vector<Node> entriesOf(const AllocationTable& table, const Slots& slots)
+{
+    std::vector<Node> nodes;
+    LongName longName;
+    for (std::size_t i = 0; i < slots.inUse.size(); ++i) {
+        ByteView entry(slots.inUse[i]);
+        if (entry.u8(E::kName) == E::kDeleted)
+            longName.clear();
+        else if (entry.u8(E::kAttributes) == A::kLongName)
+            longName.add(slots.offsets[i], entry);
+        else if (Node node = shortEntry(table, slots.offsets[i], slots.inUse[i], longName);
+                 !(node.attributes & A::kVolumeLabel))
+            nodes.push_back(std::move(node));
+    }
+    return nodes;
 }
 
 // The long-name entries of units, the last piece first as they lie on disk.
@@ -213,39 +237,26 @@ Node rootDirectory(const AllocationTable& table)
 
 std::optional<std::vector<Node>> listDirectory(const AllocationTable& table, const Node& directory)
 {
-    const auto offsets = slotOffsets(table, directory);
-    if (!offsets)
+    const auto slots = readSlots(table, directory);
+    if (!slots)
         return std::nullopt;
-    std::vector<Node> nodes;
-    LongName longName;
-    const bool read = forEachSlot(table, directory, *offsets, [&](std::uint64_t offset, EntryBytes bytes) {
-        ByteView entry(bytes);
-        const std::uint8_t first = entry.u8(E::kName);
-        if (first == E::kEndOfDirectory)
-            return false;
-        if (first == E::kDeleted)
-            longName.clear();
-        else if (entry.u8(E::kAttributes) == A::kLongName)
-            longName.add(offset, entry);
-        else if (Node node = shortEntry(table, offset, bytes, longName); !(node.attributes & A::kVolumeLabel))
-            nodes.push_back(std::move(node));
-        return true;
-    });
-    if (!read)
-        return std::nullopt;
-    return nodes;
+    return entriesOf(table, *slots);
 }
 
-std::optional<Node> addEntry(AllocationTable& table, const Node& directory, const std::vector<Node>& siblings,
-                             const std::string& name, std::uint8_t attributes, std::uint32_t firstCluster)
+std::optional<Node> addEntry(AllocationTable& table, const Node& directory, const std::string& name,
+                             std::uint8_t attributes, std::uint32_t firstCluster)
 {
     const std::u16string units = utf16(name);
     if (name.empty() || units.size() > LE::kMaxNameUnits) {
         Error::set(Error::Invalid, "'" + name + "' is no FAT name");
         return std::nullopt;
     }
+    // One read of the directory serves both the names taken and the free slots.
+    auto slots = readSlots(table, directory);
+    if (!slots)
+        return std::nullopt;
     std::set<std::string> taken;
-    for (const auto& sibling : siblings) {
+    for (const auto& sibling : entriesOf(table, *slots)) {
         if (StringUtil::lower(sibling.name) == StringUtil::lower(name)) {
             Error::set(Error::Exists);
             return std::nullopt;
@@ -257,14 +268,13 @@ std::optional<Node> addEntry(AllocationTable& table, const Node& directory, cons
     const std::vector<RawEntry> longEntries =
         needsLongName ? longNameEntries(units, shortNameChecksum(shortName)) : std::vector<RawEntry>{};
 
-    auto offsets = slotOffsets(table, directory);
-    const auto first = offsets ? freeRun(table, directory, *offsets, longEntries.size() + 1) : std::nullopt;
+    const auto first = freeRun(table, directory, *slots, longEntries.size() + 1);
     if (!first)
         return std::nullopt;
     for (std::size_t k = 0; k < longEntries.size(); ++k)
-        if (!writeBytes(table.storage(), (*offsets)[*first + k], longEntries[k]))
+        if (!writeBytes(table.storage(), slots->offsets[*first + k], longEntries[k]))
             return std::nullopt;
-    const std::uint64_t offset = (*offsets)[*first + longEntries.size()];
+    const std::uint64_t offset = slots->offsets[*first + longEntries.size()];
     if (!writeBytes(table.storage(), offset, shortNameEntry(shortName, attributes, firstCluster)) || !table.write())
         return std::nullopt;
     Node node;

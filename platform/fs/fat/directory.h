@@ -28,10 +28,10 @@ Node rootDirectory(const AllocationTable& table);
 // The directory's entries, volume labels and deleted entries left out; nothing on a damaged
 // chain or a failed read.
 std::optional<std::vector<Node>> listDirectory(const AllocationTable& table, const Node& directory);
-// Adds an entry for name (long-name entries too when the name needs them) in directory, whose
-// listing is siblings; Error Exists when the name is taken, NoSpace when a fixed root is full.
-std::optional<Node> addEntry(AllocationTable& table, const Node& directory, const std::vector<Node>& siblings,
-                             const std::string& name, std::uint8_t attributes, std::uint32_t firstCluster);
+// Adds an entry for name (long-name entries too when the name needs them) in directory; Error
+// Exists when the name is taken, NoSpace when a fixed root is full.
+std::optional<Node> addEntry(AllocationTable& table, const Node& directory, const std::string& name,
+                             std::uint8_t attributes, std::uint32_t firstCluster);
 // "." and ".." of a new directory's first cluster.
 bool writeDotEntries(AllocationTable& table, std::uint32_t cluster, std::uint32_t parentCluster);
 // The entry's cluster, size and write time after its file changed.

@@ -89,10 +89,7 @@ std::optional<Node> FatFilesys::createEntry(const std::string& path, std::uint8_
         Error::set(Error::NotDirectory);
         return std::nullopt;
     }
-    const auto siblings = Fat::listDirectory(*table_, *parent);
-    if (!siblings)
-        return std::nullopt;
-    return Fat::addEntry(*table_, *parent, *siblings, name, attributes, firstCluster);
+    return Fat::addEntry(*table_, *parent, name, attributes, firstCluster);
 }
 
 Ref<File> FatFilesys::openFile(const std::string& path, std::uint32_t flags)
