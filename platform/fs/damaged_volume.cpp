@@ -35,21 +35,21 @@ constexpr Signature kSignatures[] = {
 
 } // namespace
 
-Ref<DamagedVolume> DamagedVolume::recognize(Ref<Interfaces::Storage> storage)
+std::optional<DamagedVolume::Damage> DamagedVolume::detect(Interfaces::Storage& storage)
 {
     // An external ext journal carries the ext magic but is no file system of its own.
-    const auto incompat = readBytes(*storage, kExtIncompat, 1);
-    const auto magic = readBytes(*storage, kExtMagic, 2);
+    const auto incompat = readBytes(storage, kExtIncompat, 1);
+    const auto magic = readBytes(storage, kExtMagic, 2);
     if (magic.size() == 2 && magic[0] == 0x53 && magic[1] == 0xEF && !incompat.empty() &&
         (incompat[0] & kExtIncompatJournalDev))
-        return {};
+        return std::nullopt;
     for (const auto& signature : kSignatures) {
         const std::size_t length = std::strlen(signature.text);
-        const auto bytes = readBytes(*storage, signature.offset, length);
+        const auto bytes = readBytes(storage, signature.offset, length);
         if (bytes.size() == length && std::memcmp(bytes.data(), signature.text, length) == 0)
-            return makeRef<DamagedVolume>(std::move(storage), signature.type, signature.reason);
+            return Damage{signature.type, signature.reason};
     }
-    return {};
+    return std::nullopt;
 }
 
 } // namespace Platform

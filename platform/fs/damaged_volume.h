@@ -6,13 +6,19 @@
 
 #include "platform/fs/filesys_base.h"
 
+#include <optional>
+
 namespace Platform {
 
 class DamagedVolume : public FileSysBase {
 public:
-    // The family whose signature the storage carries, with why it is refused; null when it
+    struct Damage {
+        std::uint32_t type;
+        std::string reason;
+    };
+    // The family whose signature the storage carries, with why it is refused; nothing when it
     // carries none.
-    static Ref<DamagedVolume> recognize(Ref<Interfaces::Storage> storage);
+    static std::optional<Damage> detect(Interfaces::Storage& storage);
 
     DamagedVolume(Ref<Interfaces::Storage> storage, std::uint32_t type, std::string reason)
         : FileSysBase(std::move(storage)), type_(type), reason_(std::move(reason))

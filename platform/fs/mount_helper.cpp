@@ -35,7 +35,9 @@ Ref<FileSysBase> MountHelper::open(Ref<Interfaces::Storage> storage)
     // left it standing.
     if (const auto layout = SwapVolume::detect(*look))
         return makeRef<SwapVolume>(std::move(storage), *layout);
-    return DamagedVolume::recognize(std::move(storage));
+    if (const auto damage = DamagedVolume::detect(*look))
+        return makeRef<DamagedVolume>(std::move(storage), damage->type, damage->reason);
+    return {};
 }
 
 std::uint32_t MountHelper::probe(const Ref<Interfaces::Storage>& storage)

@@ -51,6 +51,14 @@ TEST(MountHelper, AProbeReadsEachSectorOnce)
         EXPECT_GT(counting->sectorsRead, 0u);
         EXPECT_EQ(counting->mostReadsOfOneSector, 1u) << mkfs[0];
     }
+    // A damaged one is told by its signature from the same reads.
+    auto fat = made(dir, {"mkfs.fat", "-F", "32", "-s", "1"}, 300);
+    fat->bytes()[0x0D] = 3; // sectors per cluster: no power of two
+    const auto counting = makeRef<TestSupport::CountingStorage>(fat);
+    const auto damaged = MountHelper::open(counting);
+    ASSERT_TRUE(damaged);
+    EXPECT_FALSE(damaged->refusal().empty());
+    EXPECT_EQ(counting->mostReadsOfOneSector, 1u);
 }
 
 TEST(MountHelper, ExfatChecksumGuardsTheBootRegion)
