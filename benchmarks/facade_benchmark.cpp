@@ -34,7 +34,7 @@ struct Backend {
 void rewriteOurs(const std::string& image, const std::vector<char>& data)
 {
     auto storage = Platform::FileStorage::open(image, Platform::FileStorage::Access::ReadWrite);
-    auto fs = Platform::Filesys::create(storage, 0, false);
+    auto fs = Platform::Filesys::create(storage, 0, Platform::Access::ReadWrite);
     auto file = fs->openFile("/data.bin", Platform::OpenFlags::CreateOrTruncate);
     file->write(data.data(), data.size());
     file->flush();
@@ -102,7 +102,7 @@ void BM_Fat32BlockwiseCopy(benchmark::State& state)
     std::vector<char> block(16 << 10, 'x');
     for (auto _ : state) {
         auto storage = Platform::FileStorage::open(image, Platform::FileStorage::Access::ReadWrite);
-        auto fs = Platform::Filesys::create(storage, 0, false);
+        auto fs = Platform::Filesys::create(storage, 0, Platform::Access::ReadWrite);
         auto file = fs->openFile("/data.bin", Platform::OpenFlags::CreateOrTruncate);
         for (std::uint64_t done = 0; done < bytes; done += block.size())
             file->write(block.data(), block.size());

@@ -51,9 +51,9 @@ std::string errorText()
 }
 
 // The file system of the numbered partition of the target.
-Ref<Filesys> openPartition(const std::string& target, unsigned number, bool readOnly, std::string& error)
+Ref<Filesys> openPartition(const std::string& target, unsigned number, Access access, std::string& error)
 {
-    auto disk = FileStorage::open(target, readOnly ? FileStorage::Access::ReadOnly : FileStorage::Access::ReadWrite);
+    auto disk = FileStorage::open(target, access);
     if (!disk) {
         error = "cannot open target '" + target + "'";
         return {};
@@ -63,7 +63,7 @@ Ref<Filesys> openPartition(const std::string& target, unsigned number, bool read
         const auto partition = table->partition(i);
         if (partition->entryIndex() + 1 != number)
             continue;
-        auto fs = Filesys::create(WindowStorage::create(disk, partition->start(), partition->size()), 0, readOnly);
+        auto fs = Filesys::create(WindowStorage::create(disk, partition->start(), partition->size()), 0, access);
         if (!fs)
             error =
                 "partition " + std::to_string(number) + " of '" + target + "' holds no file system postclone can open";
@@ -133,9 +133,9 @@ int runFsCommand(int argc, char** argv)
 
     SysLogStream::install(std::make_shared<StderrLog>());
     SysLogFilter::setLevel(LogWarning);
-    const bool readOnly = verb == "ls" || verb == "cat";
+    const Access access = verb == "ls" || verb == "cat" ? Access::ReadOnly : Access::ReadWrite;
     std::string error;
-    const auto fs = openPartition(target, number, readOnly, error);
+    const auto fs = openPartition(target, number, access, error);
     if (!fs)
         return failure(kMissing, error);
     if (verb == "ls")

@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     Fuzz::quietLogs();
     const auto disk = Fuzz::diskOf(data, size, 256);
-    const auto fs = Platform::Filesys::create(disk, Platform::OpenFlags::FileSystemByPath, false);
+    const auto fs = Platform::Filesys::create(disk, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite);
     if (!fs)
         return 0;
     int budget = 256;

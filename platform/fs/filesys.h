@@ -4,6 +4,7 @@
 // Paths are absolute, with "/" between names. Failures are null or false results with
 // Platform::Error set (32 when a path does not exist).
 
+#include "platform/core/access.h"
 #include "platform/core/ref.h"
 #include "platform/log/log.h"
 #include "platform/storage/storage.h"
@@ -52,9 +53,10 @@ public:
 class Filesys : public Object {
 public:
     // A host directory path (a mounted file system).
-    static Ref<Filesys> create(const std::string& path, std::uint32_t flags, bool readOnly);
+    static Ref<Filesys> create(const std::string& path, std::uint32_t flags, Access access);
     // The file system on a storage, as its own structures say.
-    static Ref<Filesys> create(Ref<Interfaces::Storage> storage, std::uint32_t flags, bool readOnly = false);
+    static Ref<Filesys> create(Ref<Interfaces::Storage> storage, std::uint32_t flags,
+                               Access access = Access::ReadWrite);
 
     virtual Ref<File> openFile(const std::string& path, std::uint32_t flags) = 0;
     virtual Ref<Directory> openDirectory(const std::string& path) = 0;

@@ -19,7 +19,7 @@ bool FileSysBase::setGeometry(std::uint32_t heads, std::uint32_t sectorsPerTrack
     return undoable([&] { return writeGeometry(heads, sectorsPerTrack); });
 }
 
-Ref<Filesys> FileSysBase::openFiles(Ref<Interfaces::Storage>, bool) const
+Ref<Filesys> FileSysBase::openFiles(Ref<Interfaces::Storage>, Access) const
 {
     Error::set(Error::NotSupported);
     return {};

@@ -2,6 +2,7 @@
 // One file system on a storage, as far as post-processing changes it: its volume id and the
 // places where it records its own position and the disk's geometry.
 
+#include "platform/core/access.h"
 #include "platform/core/byte_array.h"
 #include "platform/core/error.h"
 #include "platform/core/fs_type.h"
@@ -33,7 +34,7 @@ public:
     // The file facade over this file system, built from what was parsed here, on storage (this
     // volume's storage or a staging layer over it); null with Error 0x10002 for the families
     // without one.
-    virtual Ref<Filesys> openFiles(Ref<Interfaces::Storage> storage, bool readOnly) const;
+    virtual Ref<Filesys> openFiles(Ref<Interfaces::Storage> storage, Access access) const;
     // Why this file system must not be written at all (its structures are impossible), or empty.
     virtual std::string refusal() const { return {}; }
 

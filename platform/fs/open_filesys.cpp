@@ -12,7 +12,7 @@
 
 namespace Platform {
 
-Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, bool readOnly)
+Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, Access access)
 {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) {
@@ -20,13 +20,12 @@ Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, bool 
         return {};
     }
     if (S_ISDIR(info.st_mode))
-        return makeRef<HostFilesys>(path, readOnly);
-    const auto storage =
-        FileStorage::open(path, readOnly ? FileStorage::Access::ReadOnly : FileStorage::Access::ReadWrite);
-    return storage ? create(storage, flags, readOnly) : Ref<Filesys>();
+        return makeRef<HostFilesys>(path, access);
+    const auto storage = FileStorage::open(path, access);
+    return storage ? create(storage, flags, access) : Ref<Filesys>();
 }
 
-Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bool readOnly)
+Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, Access access)
 {
     // One look at the structures: the facade is built from what the volume object parsed.
     const Ref<FileSysBase> volume = MountHelper::open(storage);
@@ -34,11 +33,11 @@ Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, bo
         Error::set(Error::NotSupported);
         return {};
     }
-    if (readOnly)
-        return volume->openFiles(std::move(storage), true);
+    if (access == Access::ReadOnly)
+        return volume->openFiles(std::move(storage), Access::ReadOnly);
     // Every change reaches the disk whole or not at all.
     return StagedFilesys::open(std::move(storage), [volume](Ref<Interfaces::Storage> staged) {
-        return volume->openFiles(std::move(staged), false);
+        return volume->openFiles(std::move(staged), Access::ReadWrite);
     });
 }
 

@@ -2,6 +2,7 @@
 // An image file or a block device as a storage. Block devices report their logical sector size;
 // image files use 512-byte sectors (a trailing partial sector is not part of the storage).
 
+#include "platform/core/access.h"
 #include "platform/storage/storage.h"
 
 #include <string>
@@ -10,7 +11,7 @@ namespace Platform {
 
 class FileStorage : public Object, public virtual Interfaces::Storage {
 public:
-    enum class Access { ReadOnly, ReadWrite };
+    using Access = Platform::Access;
 
     // Null when the path cannot be opened or is neither a regular file nor a block device; the
     // per-thread Error then holds the errno (32 for a missing path). For writing, a block device

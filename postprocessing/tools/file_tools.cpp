@@ -48,7 +48,8 @@ Ref<Platform::File> createTempFile()
     const std::string name = "ppfstab_" + Platform::StrConv::str(number, 16, 8);
     std::error_code ignored;
     const std::string folder = std::filesystem::temp_directory_path(ignored).string();
-    const auto host = Platform::Filesys::create(folder, Platform::OpenFlags::FileSystemByPath, false);
+    const auto host =
+        Platform::Filesys::create(folder, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite);
     auto file = host ? host->openFile("/" + name, Platform::OpenFlags::CreateOrOpen) : Ref<Platform::File>();
     if (!file) {
         LogMessage(Channels::tools(), LogError) << "Could not create tempfile " << folder << "/" << name;
@@ -96,7 +97,8 @@ Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
     if (!to.empty() && (to.front().isString() || to.front().isInteger())) {
         const std::string path =
             to.front().isString() ? *to.front().asString() : Platform::StrConv::str(*to.front().asInteger());
-        if (auto fs = Platform::Filesys::create(path, Platform::OpenFlags::FileSystemByPath, false))
+        if (auto fs =
+                Platform::Filesys::create(path, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite))
             return fs;
     }
     const auto storage = getToStorage(keeper, partition);
@@ -104,7 +106,7 @@ Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
         LogMessage(Channels::tools(), LogDetail) << "Partition has no storage: " << entryLogName(*keeper, partition);
         return {};
     }
-    auto fs = Platform::Filesys::create(storage, Platform::OpenFlags::FileSystemByPath, false);
+    auto fs = Platform::Filesys::create(storage, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite);
     if (!fs)
         LogMessage(Channels::tools(), LogDetail)
             << "Could not create filesys for " << entryLogName(*keeper, partition) << " " << Platform::Error::get();

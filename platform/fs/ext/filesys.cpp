@@ -79,25 +79,25 @@ std::string withoutSlash(const std::string& path)
 
 } // namespace
 
-Ref<ExtFilesys> ExtFilesys::open(Ref<Interfaces::Storage> storage, bool readOnly)
+Ref<ExtFilesys> ExtFilesys::open(Ref<Interfaces::Storage> storage, Access access)
 {
-    auto fs = std::make_unique<ExtFileSystem>(std::move(storage), readOnly ? 0 : EXT2_FLAG_RW);
+    auto fs = std::make_unique<ExtFileSystem>(std::move(storage), access == Access::ReadOnly ? 0 : EXT2_FLAG_RW);
     if (!*fs) {
         LogMessage(channel(), LogError) << "The ext file system is refused: " << fs->openProblem();
         setExtError(fs->openError(), "the ext file system is refused: ");
         return {};
     }
-    if (!readOnly)
+    if (access == Access::ReadWrite)
         if (const errcode_t error = ext2fs_read_bitmaps(fs->get())) {
             setExtError(error, "reading the bitmaps failed: ");
             return {};
         }
-    return makeRef<ExtFilesys>(std::move(fs), readOnly);
+    return makeRef<ExtFilesys>(std::move(fs), access);
 }
 
 ExtFilesys::~ExtFilesys()
 {
-    if (!readOnly_)
+    if (!readOnly())
         fs_->close();
 }
 
@@ -130,7 +130,7 @@ ext2_ino_t ExtFilesys::parentOf(const std::string& path, std::string& name)
     return slash == std::string::npos ? EXT2_ROOT_INO : lookup(relative.substr(0, slash));
 }
 
-ext2_ino_t ExtFilesys::createFile(ext2_ino_t parent, const std::string& name)
+ext2_ino_t ExtFilesys::newFileInode(ext2_ino_t parent, const std::string& name)
 {
     ext2_filsys fs = handle();
     ext2_ino_t ino = 0;
@@ -163,31 +163,34 @@ ext2_ino_t ExtFilesys::createFile(ext2_ino_t parent, const std::string& name)
     return ino;
 }
 
-Ref<File> ExtFilesys::openFile(const std::string& path, std::uint32_t flags)
+Ref<File> ExtFilesys::openExisting(const std::string& path, Access access)
 {
-    const bool write = (flags & OpenFlags::Write) != 0;
-    if (write && readOnly_) {
-        Error::set(Error::ReadOnly);
-        return {};
-    }
-    ext2_ino_t ino = lookup(path);
-    if (ino == 0 && (flags & OpenFlags::Create)) {
-        std::string name;
-        const ext2_ino_t parent = parentOf(path, name);
-        if (parent == 0 || name.empty() || (ino = createFile(parent, name)) == 0)
-            return {};
-    }
+    const ext2_ino_t ino = lookup(path);
     if (ino == 0)
         return {};
-    ext2_file_t file = nullptr;
-    if (const errcode_t error = ext2fs_file_open2(handle(), ino, nullptr, write ? EXT2_FILE_WRITE : 0, &file)) {
+    ext2_inode inode{};
+    if (const errcode_t error = ext2fs_read_inode(handle(), ino, &inode)) {
         failWith(error);
         return {};
     }
-    auto result = makeRef<ExtFile>(Ref<ExtFilesys>(this), file);
-    if (flags & OpenFlags::Truncate)
-        result->resize(0);
-    return result;
+    if (LINUX_S_ISDIR(inode.i_mode)) {
+        Error::set(Error::IsDirectory);
+        return {};
+    }
+    ext2_file_t file = nullptr;
+    const int mode = access == Access::ReadWrite ? EXT2_FILE_WRITE : 0;
+    if (const errcode_t error = ext2fs_file_open2(handle(), ino, nullptr, mode, &file)) {
+        failWith(error);
+        return {};
+    }
+    return makeRef<ExtFile>(Ref<ExtFilesys>(this), file);
+}
+
+bool ExtFilesys::createEmptyFile(const std::string& path)
+{
+    std::string name;
+    const ext2_ino_t parent = parentOf(path, name);
+    return parent != 0 && !name.empty() && newFileInode(parent, name) != 0;
 }
 
 Ref<Directory> ExtFilesys::openDirectory(const std::string& path)
@@ -203,25 +206,25 @@ Ref<Directory> ExtFilesys::openDirectory(const std::string& path)
     return makeRef<ListedDirectory>(std::move(listing.entries));
 }
 
-bool ExtFilesys::createDirectory(const std::string& path)
+bool ExtFilesys::makeDirectory(const std::string& path)
 {
     std::string name;
-    const ext2_ino_t parent = readOnly_ ? 0 : parentOf(path, name);
+    const ext2_ino_t parent = parentOf(path, name);
     if (parent == 0)
-        return readOnly_ ? failWith(EROFS) : false;
+        return false;
     errcode_t error = ext2fs_mkdir(handle(), parent, 0, name.c_str());
     if (error == EXT2_ET_DIR_NO_SPACE && ext2fs_expand_dir(handle(), parent) == 0)
         error = ext2fs_mkdir(handle(), parent, 0, name.c_str());
     return error ? failWith(error) : true;
 }
 
-bool ExtFilesys::removeFile(const std::string& path)
+bool ExtFilesys::removeExisting(const std::string& path)
 {
     std::string name;
-    const ext2_ino_t parent = readOnly_ ? 0 : parentOf(path, name);
+    const ext2_ino_t parent = parentOf(path, name);
     const ext2_ino_t ino = parent ? lookup(path) : 0;
     if (ino == 0)
-        return readOnly_ ? failWith(EROFS) : false;
+        return false;
     ext2_filsys fs = handle();
     ext2_inode inode{};
     if (errcode_t error = ext2fs_read_inode(fs, ino, &inode))
@@ -243,9 +246,9 @@ bool ExtFilesys::removeFile(const std::string& path)
     return true;
 }
 
-bool ExtFilesys::flush()
+bool ExtFilesys::writeOut()
 {
-    return readOnly_ || ext2fs_flush(handle()) == 0;
+    return ext2fs_flush(handle()) == 0;
 }
 
 } // namespace Platform

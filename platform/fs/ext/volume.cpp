@@ -64,9 +64,9 @@ bool ExtVolume::writeVolumeId(std::span<const std::uint8_t> id)
     return changeExtUuid(storage_, id);
 }
 
-Ref<Filesys> ExtVolume::openFiles(Ref<Interfaces::Storage> storage, bool readOnly) const
+Ref<Filesys> ExtVolume::openFiles(Ref<Interfaces::Storage> storage, Access access) const
 {
-    return ExtFilesys::open(std::move(storage), readOnly);
+    return ExtFilesys::open(std::move(storage), access);
 }
 
 } // namespace Platform

@@ -28,21 +28,21 @@ std::pair<std::string, std::string> splitParent(const std::string& path)
 
 } // namespace
 
-FatFilesys::FatFilesys(std::unique_ptr<Fat::AllocationTable> table, bool readOnly)
-    : table_(std::move(table)), readOnly_(readOnly)
+FatFilesys::FatFilesys(std::unique_ptr<Fat::AllocationTable> table, Access access)
+    : FacadeBase(access), table_(std::move(table))
 {
 }
 
 FatFilesys::~FatFilesys() = default;
 
-Ref<FatFilesys> FatFilesys::open(Ref<Interfaces::Storage> storage, const Fat::BootSector& boot, bool readOnly)
+Ref<FatFilesys> FatFilesys::open(Ref<Interfaces::Storage> storage, const Fat::BootSector& boot, Access access)
 {
     if (!storage)
         return {};
     auto table = Fat::AllocationTable::load(std::move(storage), boot);
     if (!table)
         return {};
-    return makeRef<FatFilesys>(std::make_unique<Fat::AllocationTable>(std::move(*table)), readOnly);
+    return makeRef<FatFilesys>(std::make_unique<Fat::AllocationTable>(std::move(*table)), access);
 }
 
 // Walks the path case-insensitively; a directory met twice on the way is a loop.
@@ -92,26 +92,21 @@ std::optional<Node> FatFilesys::createEntry(const std::string& path, std::uint8_
     return Fat::addEntry(*table_, *parent, name, attributes, firstCluster);
 }
 
-Ref<File> FatFilesys::openFile(const std::string& path, std::uint32_t flags)
+Ref<File> FatFilesys::openExisting(const std::string& path, Access access)
 {
-    const bool write = (flags & OpenFlags::Write) != 0;
-    if (write && readOnly_) {
-        Error::set(Error::ReadOnly);
-        return {};
-    }
-    auto node = lookup(path);
-    if (!node && (flags & OpenFlags::Create) && Error::get() == Error::PathNotFound)
-        node = createEntry(path, A::kArchive, 0); // as new files get
+    const auto node = lookup(path);
     if (!node)
         return {};
     if (node->isDirectory()) {
         Error::set(Error::IsDirectory);
         return {};
     }
-    auto file = makeRef<Fat::FatFile>(Ref<Object>(this), *table_, *node, write);
-    if ((flags & OpenFlags::Truncate) && file->resize(0) != 0)
-        return {};
-    return file;
+    return makeRef<Fat::FatFile>(Ref<Object>(this), *table_, *node, access == Access::ReadWrite);
+}
+
+bool FatFilesys::createEmptyFile(const std::string& path)
+{
+    return createEntry(path, A::kArchive, 0).has_value(); // as new files get
 }
 
 Ref<Directory> FatFilesys::openDirectory(const std::string& path)
@@ -133,12 +128,8 @@ Ref<Directory> FatFilesys::openDirectory(const std::string& path)
     return makeRef<ListedDirectory>(std::move(entries));
 }
 
-bool FatFilesys::createDirectory(const std::string& path)
+bool FatFilesys::makeDirectory(const std::string& path)
 {
-    if (readOnly_) {
-        Error::set(Error::ReadOnly);
-        return false;
-    }
     const auto parent = lookup(splitParent(path).first);
     const auto cluster = parent ? table_->allocate() : std::nullopt;
     if (!cluster || !table_->zeroCluster(*cluster))
@@ -156,12 +147,8 @@ bool FatFilesys::createDirectory(const std::string& path)
     return false;
 }
 
-bool FatFilesys::removeFile(const std::string& path)
+bool FatFilesys::removeExisting(const std::string& path)
 {
-    if (readOnly_) {
-        Error::set(Error::ReadOnly);
-        return false;
-    }
     const auto node = lookup(path);
     if (!node)
         return false;
@@ -176,7 +163,7 @@ bool FatFilesys::removeFile(const std::string& path)
     return table_->write();
 }
 
-bool FatFilesys::flush()
+bool FatFilesys::writeOut()
 {
     return table_->write() && table_->storage().flush();
 }

@@ -23,9 +23,9 @@ bool FatVolume::writeVolumeId(std::span<const std::uint8_t> id)
     return updateBootSector([&](ByteWriter& out) { out.bytes(boot_.serialOffset, id); });
 }
 
-Ref<Filesys> FatVolume::openFiles(Ref<Interfaces::Storage> storage, bool readOnly) const
+Ref<Filesys> FatVolume::openFiles(Ref<Interfaces::Storage> storage, Access access) const
 {
-    return FatFilesys::open(std::move(storage), boot_, readOnly);
+    return FatFilesys::open(std::move(storage), boot_, access);
 }
 
 } // namespace Platform

@@ -13,10 +13,13 @@ namespace Platform {
 
 namespace {
 
-// Why a change cannot even be tried, or None.
-std::uint32_t refusal(bool readOnly, const std::string& host)
+// A path outside the root is one that is not there.
+bool refuseOutsidePath(const std::string& host)
 {
-    return readOnly ? Error::ReadOnly : host.empty() ? Error::PathNotFound : Error::None;
+    if (!host.empty())
+        return false;
+    Error::set(Error::PathNotFound);
+    return true;
 }
 
 class HostFile : public File {
@@ -101,25 +104,37 @@ std::string HostFilesys::hostPath(const std::string& path) const
     return root_ + (StringUtil::startsWith(path, "/") ? "" : "/") + path;
 }
 
-Ref<File> HostFilesys::openFile(const std::string& path, std::uint32_t flags)
+Ref<File> HostFilesys::openExisting(const std::string& path, Access access)
 {
-    const bool write = (flags & OpenFlags::Write) != 0;
-    if (write && readOnly_) {
-        Error::set(Error::ReadOnly);
-        return {};
-    }
-    int mode = write ? O_RDWR : O_RDONLY;
-    if (flags & OpenFlags::Create)
-        mode |= O_CREAT;
-    if (flags & OpenFlags::Truncate)
-        mode |= O_TRUNC;
     const std::string host = hostPath(path);
-    const int fd = host.empty() ? -1 : ::open(host.c_str(), mode | O_CLOEXEC, 0644);
+    if (refuseOutsidePath(host))
+        return {};
+    const int fd = ::open(host.c_str(), (access == Access::ReadWrite ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     if (fd < 0) {
         Error::setFromErrno();
         return {};
     }
-    return makeRef<HostFile>(fd);
+    auto file = makeRef<HostFile>(fd);
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) {
+        Error::set(Error::IsDirectory);
+        return {};
+    }
+    return file;
+}
+
+bool HostFilesys::createEmptyFile(const std::string& path)
+{
+    const std::string host = hostPath(path);
+    if (refuseOutsidePath(host))
+        return false;
+    const int fd = ::open(host.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        Error::setFromErrno();
+        return false;
+    }
+    ::close(fd);
+    return true;
 }
 
 Ref<Directory> HostFilesys::openDirectory(const std::string& path)
@@ -133,13 +148,11 @@ Ref<Directory> HostFilesys::openDirectory(const std::string& path)
     return makeRef<HostDirectory>(handle, host);
 }
 
-bool HostFilesys::createDirectory(const std::string& path)
+bool HostFilesys::makeDirectory(const std::string& path)
 {
     const std::string host = hostPath(path);
-    if (const std::uint32_t code = refusal(readOnly_, host)) {
-        Error::set(code);
+    if (refuseOutsidePath(host))
         return false;
-    }
     if (::mkdir(host.c_str(), 0755) != 0) {
         Error::setFromErrno();
         return false;
@@ -147,13 +160,11 @@ bool HostFilesys::createDirectory(const std::string& path)
     return true;
 }
 
-bool HostFilesys::removeFile(const std::string& path)
+bool HostFilesys::removeExisting(const std::string& path)
 {
     const std::string host = hostPath(path);
-    if (const std::uint32_t code = refusal(readOnly_, host)) {
-        Error::set(code);
+    if (refuseOutsidePath(host))
         return false;
-    }
     if (::unlink(host.c_str()) != 0) {
         Error::setFromErrno();
         return false;

@@ -171,7 +171,6 @@ struct NtfsFilesys::Mount {
     ntfs_volume* volume = nullptr;
     ntfs_device* device = nullptr;
     std::unique_ptr<Device> data;
-    bool readOnly = false;
 
     ~Mount()
     {
@@ -267,16 +266,11 @@ int listName(void* context, const ntfschar* name, const int length, const int na
 
 } // namespace
 
-NtfsFilesys::NtfsFilesys(std::unique_ptr<Mount> mount) : mount_(std::move(mount)) {}
+NtfsFilesys::NtfsFilesys(std::unique_ptr<Mount> mount, Access access) : FacadeBase(access), mount_(std::move(mount)) {}
 
 NtfsFilesys::~NtfsFilesys() = default;
 
-bool NtfsFilesys::readOnly() const
-{
-    return mount_->readOnly;
-}
-
-Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, bool readOnly, bool force)
+Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, Access access, bool force)
 {
     if (!storage)
         return {};
@@ -294,14 +288,15 @@ Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, bool readOn
             errno = error;
             return nullptr;
         }
-        mount->readOnly = (flags & NTFS_MNT_RDONLY) != 0;
         ntfs_create_lru_caches(mount->volume);
         ntfs_set_ignore_case(mount->volume);
         return mount;
     };
+    const bool readOnly = access == Access::ReadOnly;
     auto mount = tryMount(readOnly ? NTFS_MNT_RDONLY : force ? NTFS_MNT_IGNORE_HIBERFILE | NTFS_MNT_RECOVER : 0);
     if (!mount && !readOnly && errno == EPERM) {
         // Hibernated, or a log Windows did not close: look, but do not touch.
+        access = Access::ReadOnly;
         mount = tryMount(NTFS_MNT_RDONLY);
         if (mount)
             LogMessage(ntfsChannel(), LogWarning)
@@ -311,24 +306,19 @@ Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, bool readOn
         setError();
         return {};
     }
-    return makeRef<NtfsFilesys>(std::move(mount));
+    return makeRef<NtfsFilesys>(std::move(mount), access);
 }
 
-Ref<File> NtfsFilesys::openFile(const std::string& path, std::uint32_t flags)
+Ref<File> NtfsFilesys::openExisting(const std::string& path, Access)
 {
-    const bool write = (flags & OpenFlags::Write) != 0;
-    if (write && mount_->readOnly) {
-        Error::set(Error::ReadOnly);
-        return {};
-    }
     ntfs_inode* inode = ntfs_pathname_to_inode(mount_->volume, nullptr, path.c_str());
-    if (!inode && errno == ENOENT && (flags & OpenFlags::Create)) {
-        if (!create(path, false))
-            return {};
-        inode = ntfs_pathname_to_inode(mount_->volume, nullptr, path.c_str());
-    }
     if (!inode) {
         setError();
+        return {};
+    }
+    if (inode->mrec->flags & MFT_RECORD_IS_DIRECTORY) {
+        ntfs_inode_close(inode);
+        Error::set(Error::IsDirectory);
         return {};
     }
     ntfs_attr* data = ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0);
@@ -337,10 +327,7 @@ Ref<File> NtfsFilesys::openFile(const std::string& path, std::uint32_t flags)
         ntfs_inode_close(inode);
         return {};
     }
-    auto file = makeRef<NtfsFile>(Ref<NtfsFilesys>(this), inode, data);
-    if (flags & OpenFlags::Truncate)
-        file->resize(0);
-    return file;
+    return makeRef<NtfsFile>(Ref<NtfsFilesys>(this), inode, data);
 }
 
 Ref<Directory> NtfsFilesys::openDirectory(const std::string& path)
@@ -367,10 +354,6 @@ Ref<Directory> NtfsFilesys::openDirectory(const std::string& path)
 
 bool NtfsFilesys::create(const std::string& path, bool directory)
 {
-    if (mount_->readOnly) {
-        Error::set(Error::ReadOnly);
-        return false;
-    }
     const auto [parentPath, name] = splitPath(path);
     const UnicodeName unicode(name);
     ntfs_inode* parent = ntfs_pathname_to_inode(mount_->volume, nullptr, parentPath.c_str());
@@ -390,17 +373,8 @@ bool NtfsFilesys::create(const std::string& path, bool directory)
     return inode != nullptr;
 }
 
-bool NtfsFilesys::createDirectory(const std::string& path)
+bool NtfsFilesys::removeExisting(const std::string& path)
 {
-    return create(path, true);
-}
-
-bool NtfsFilesys::removeFile(const std::string& path)
-{
-    if (mount_->readOnly) {
-        Error::set(Error::ReadOnly);
-        return false;
-    }
     const auto [parentPath, name] = splitPath(path);
     const UnicodeName unicode(name);
     ntfs_inode* inode = ntfs_pathname_to_inode(mount_->volume, nullptr, path.c_str());
@@ -413,6 +387,12 @@ bool NtfsFilesys::removeFile(const std::string& path)
             ntfs_inode_close(parent);
         return false;
     }
+    if (inode->mrec->flags & MFT_RECORD_IS_DIRECTORY) {
+        ntfs_inode_close(inode);
+        ntfs_inode_close(parent);
+        Error::set(Error::IsDirectory);
+        return false;
+    }
     // ntfs_delete closes both inodes.
     if (ntfs_delete(mount_->volume, path.c_str(), inode, parent, unicode.text, u8(unicode.length)) != 0) {
         setError();
@@ -421,9 +401,9 @@ bool NtfsFilesys::removeFile(const std::string& path)
     return true;
 }
 
-bool NtfsFilesys::flush()
+bool NtfsFilesys::writeOut()
 {
-    return mount_->readOnly || ntfs_device_sync(mount_->device) == 0;
+    return ntfs_device_sync(mount_->device) == 0;
 }
 
 } // namespace Platform

@@ -3,30 +3,30 @@
 // no FUSE). Names are looked up case-insensitively, as Windows sees them. A volume Windows left
 // hibernated or with an unclean log is opened read-only unless the caller forces a write mount.
 
-#include "platform/fs/filesys.h"
+#include "platform/fs/facade_base.h"
 
 #include <memory>
 
 namespace Platform {
 
-class NtfsFilesys : public Filesys {
+class NtfsFilesys : public FacadeBase {
 public:
     struct Mount;
 
     // Null when the storage holds no NTFS libntfs-3g can mount.
-    static Ref<NtfsFilesys> open(Ref<Interfaces::Storage> storage, bool readOnly, bool force = false);
+    static Ref<NtfsFilesys> open(Ref<Interfaces::Storage> storage, Access access, bool force = false);
 
-    Ref<File> openFile(const std::string& path, std::uint32_t flags) override;
     Ref<Directory> openDirectory(const std::string& path) override;
-    bool createDirectory(const std::string& path) override;
-    bool removeFile(const std::string& path) override;
-    bool flush() override;
-    bool readOnly() const override;
 
-    explicit NtfsFilesys(std::unique_ptr<Mount> mount);
+    NtfsFilesys(std::unique_ptr<Mount> mount, Access access);
     ~NtfsFilesys() override;
 
 private:
+    Ref<File> openExisting(const std::string& path, Access access) override;
+    bool createEmptyFile(const std::string& path) override { return create(path, false); }
+    bool makeDirectory(const std::string& path) override { return create(path, true); }
+    bool removeExisting(const std::string& path) override;
+    bool writeOut() override;
     bool create(const std::string& path, bool directory);
 
     std::unique_ptr<Mount> mount_;

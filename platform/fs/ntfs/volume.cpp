@@ -67,9 +67,9 @@ bool NtfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
     return updateBootSector([&](ByteWriter& out) { out.bytes(kVolumeSerial, id); });
 }
 
-Ref<Filesys> NtfsVolume::openFiles(Ref<Interfaces::Storage> storage, bool readOnly) const
+Ref<Filesys> NtfsVolume::openFiles(Ref<Interfaces::Storage> storage, Access access) const
 {
-    return NtfsFilesys::open(std::move(storage), readOnly);
+    return NtfsFilesys::open(std::move(storage), access);
 }
 
 } // namespace Platform

@@ -35,7 +35,7 @@ TEST(Fstab, DeviceFieldsAreRewrittenAndTheRestKept)
 // The whole file through a host folder: every line kept byte for byte unless its id changed.
 struct FstabFile : testing::Test {
     TestSupport::TempDir dir;
-    Ref<Platform::Filesys> fs = Platform::Filesys::create(dir.path().string(), 0x11, false);
+    Ref<Platform::Filesys> fs = Platform::Filesys::create(dir.path().string(), 0x11, Platform::Access::ReadWrite);
 
     StepResult run(const std::string& content, std::string& after)
     {

@@ -33,7 +33,7 @@ private:
 
 struct FileTools : testing::Test {
     TestSupport::TempDir dir;
-    Ref<Platform::Filesys> host = Platform::Filesys::create(dir.path().string(), 0x11, false);
+    Ref<Platform::Filesys> host = Platform::Filesys::create(dir.path().string(), 0x11, Platform::Access::ReadWrite);
 
     Ref<Platform::File> fileWith(const std::string& name, const std::string& content)
     {

@@ -19,14 +19,14 @@ struct FatFilesysTest : testing::Test {
         TestSupport::createImage(image, 40 << 20);
         TestSupport::runTool({"mkfs.fat", "-F", "32", "-s", "1", image});
         storage = TestSupport::loadImage(image);
-        fs = open(false);
+        fs = open(Access::ReadWrite);
         ASSERT_TRUE(fs);
     }
 
-    Ref<FatFilesys> open(bool readOnly)
+    Ref<FatFilesys> open(Access access)
     {
         const auto boot = Fat::readBootSector(*storage);
-        return boot ? FatFilesys::open(storage, *boot, readOnly) : Ref<FatFilesys>();
+        return boot ? FatFilesys::open(storage, *boot, access) : Ref<FatFilesys>();
     }
 
     std::string readAll(const std::string& path)
@@ -117,7 +117,7 @@ TEST_F(FatFilesysTest, RemovingAndShrinkingGiveClustersBack)
 
 TEST_F(FatFilesysTest, ReadOnlyRefusesWrites)
 {
-    auto readOnly = open(true);
+    auto readOnly = open(Access::ReadOnly);
     ASSERT_TRUE(readOnly);
     EXPECT_FALSE(readOnly->openFile("/new", OpenFlags::CreateOrOpen));
     EXPECT_FALSE(readOnly->createDirectory("/dir"));

@@ -14,7 +14,7 @@ TEST(HostFilesys, FailuresSayWhy)
 {
     TestSupport::TempDir dir;
     std::filesystem::create_directories(dir.path() / "etc");
-    const auto readOnly = Filesys::create(dir.path().string(), OpenFlags::FileSystemByPath, true);
+    const auto readOnly = Filesys::create(dir.path().string(), OpenFlags::FileSystemByPath, Access::ReadOnly);
     ASSERT_TRUE(readOnly);
     Error::set(Error::None);
     EXPECT_FALSE(readOnly->createDirectory("/new"));
@@ -23,7 +23,7 @@ TEST(HostFilesys, FailuresSayWhy)
     EXPECT_EQ(Error::get(), Error::ReadOnly);
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "new"));
 
-    const auto writable = Filesys::create(dir.path().string(), OpenFlags::FileSystemByPath, false);
+    const auto writable = Filesys::create(dir.path().string(), OpenFlags::FileSystemByPath, Access::ReadWrite);
     ASSERT_TRUE(writable);
     EXPECT_FALSE(writable->createDirectory("/etc"));
     EXPECT_EQ(Error::get(), Error::Exists);
