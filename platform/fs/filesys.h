@@ -10,7 +10,9 @@
 #include "platform/storage/storage.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace Platform {
 
@@ -26,6 +28,13 @@ inline constexpr std::uint32_t CreateOrTruncate = 0x4313;
 inline constexpr std::uint32_t FileSystemByPath = 0x11;
 } // namespace OpenFlags
 
+// A run of sectors of the storage a file system lies on: the first and how many.
+struct Area {
+    std::uint64_t start;
+    std::uint64_t count;
+    bool operator==(const Area&) const = default;
+};
+
 class File : public Object {
 public:
     virtual std::uint64_t size() = 0;
@@ -36,6 +45,11 @@ public:
     // Grows (with zeros) or shrinks the file; the size it has afterwards.
     virtual std::uint64_t resize(std::uint64_t size) = 0;
     virtual bool flush() = 0;
+    // Where the file's contents lie, in file order, as sectors of the file system's storage (for a
+    // partition, counted from its start); runs that continue each other are one area, and sectors
+    // past the end of the file are left out. Nothing, with Error set, when the family cannot say
+    // (NotSupported) or the file has parts no sector holds (kept in its record, or holes).
+    virtual std::optional<std::vector<Area>> allocation();
 };
 
 struct DirectoryEntry {

@@ -40,6 +40,8 @@ public:
         return fs_->settle(file_->flush(), before) && fs_->flush();
     }
 
+    std::optional<std::vector<Area>> allocation() override { return file_->allocation(); }
+
 private:
     Ref<StagedFilesys> fs_;
     Ref<File> file_;

@@ -2,6 +2,7 @@
 #include "platform/fs/listed_directory.h"
 
 #include "platform/core/error.h"
+#include "platform/fs/area_collector.h"
 
 #include <cerrno>
 #include <cstring>
@@ -49,11 +50,62 @@ public:
         return size();
     }
     bool flush() override { return ext2fs_file_flush(file_) == 0; }
+    std::optional<std::vector<Area>> allocation() override;
 
 private:
     Ref<ExtFilesys> owner_; // keeps the file system open while the file is
     ext2_file_t file_;
 };
+
+struct BlockWalk {
+    AreaCollector areas;
+    e2_blkcnt_t next = 0; // the file block expected next; another one means a hole
+    bool failed = false;
+};
+
+int placeBlock(ext2_filsys fs, blk64_t* block, e2_blkcnt_t fileBlock, blk64_t, int, void* data)
+{
+    auto* walk = static_cast<BlockWalk*>(data);
+    if (fileBlock != walk->next) {
+        Error::set(Error::NotSupported, "the file has holes");
+        walk->failed = true;
+        return BLOCK_ABORT;
+    }
+    ++walk->next;
+    if (!walk->areas.add(*block * fs->blocksize, fs->blocksize)) {
+        walk->failed = true;
+        return BLOCK_ABORT;
+    }
+    return walk->areas.complete() ? BLOCK_ABORT : 0;
+}
+
+std::optional<std::vector<Area>> ExtFile::allocation()
+{
+    if (const errcode_t error = ext2fs_file_flush(file_)) { // blocks are placed when the buffer is written
+        setExtError(error, "ext: ");
+        return std::nullopt;
+    }
+    const ext2_inode* inode = ext2fs_file_get_inode(file_);
+    if (inode->i_flags & EXT4_INLINE_DATA_FL) {
+        Error::set(Error::NotSupported, "the file's data is kept inside its inode");
+        return std::nullopt;
+    }
+    ext2_filsys fs = owner_->handle();
+    BlockWalk walk{AreaCollector(owner_->sectorSize(), size()), 0, false};
+    const errcode_t error = ext2fs_block_iterate3(
+        fs, ext2fs_file_get_inode_num(file_), BLOCK_FLAG_DATA_ONLY | BLOCK_FLAG_READ_ONLY, nullptr, placeBlock, &walk);
+    if (walk.failed)
+        return std::nullopt;
+    if (error) {
+        setExtError(error, "ext: ");
+        return std::nullopt;
+    }
+    if (!walk.areas.complete()) {
+        Error::set(Error::NotSupported, "the file has holes");
+        return std::nullopt;
+    }
+    return walk.areas.take();
+}
 
 struct Listing {
     ext2_filsys fs;

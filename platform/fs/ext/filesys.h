@@ -18,6 +18,7 @@ public:
     Ref<Directory> openDirectory(const std::string& path) override;
 
     ext2_filsys handle() const { return fs_->get(); }
+    std::uint32_t sectorSize() const { return fs_->sectorSize(); }
 
     ExtFilesys(std::unique_ptr<ExtFileSystem> fs, Access access) : FacadeBase(access), fs_(std::move(fs)) {}
 

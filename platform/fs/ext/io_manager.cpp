@@ -158,7 +158,7 @@ errcode_t openChannel(const char* name, int, io_channel* result)
 
 } // namespace
 
-ExtFileSystem::ExtFileSystem(Ref<Interfaces::Storage> storage, int flags)
+ExtFileSystem::ExtFileSystem(Ref<Interfaces::Storage> storage, int flags) : sectorSize_(storage->elementSize())
 {
     {
         std::lock_guard guard(registryLock);

@@ -24,6 +24,8 @@ public:
     errcode_t openError() const { return openError_; }
     // Why the file system was refused, in words: our own checks, or libext2fs' error text.
     const std::string& openProblem() const { return openProblem_; }
+    // The sector size of the storage below.
+    std::uint32_t sectorSize() const { return sectorSize_; }
     // Flushes and closes; the libext2fs error code, 0 on success.
     errcode_t close();
 
@@ -32,6 +34,7 @@ private:
     ext2_filsys fs_ = nullptr;
     errcode_t openError_ = 0;
     std::string openProblem_;
+    std::uint32_t sectorSize_;
 };
 
 // The text of a libext2fs error code.

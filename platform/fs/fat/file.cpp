@@ -1,6 +1,7 @@
 #include "platform/fs/fat/file.h"
 
 #include "platform/core/error.h"
+#include "platform/fs/area_collector.h"
 #include "platform/storage/byte_io.h"
 
 #include <algorithm>
@@ -37,6 +38,22 @@ const std::vector<std::uint32_t>* FatFile::chainFor(std::uint64_t bytes, bool ze
         dirty_ = true;
     }
     return &chain;
+}
+
+std::optional<std::vector<Area>> FatFile::allocation()
+{
+    const auto* chain = clusters();
+    if (!chain)
+        return std::nullopt;
+    AreaCollector areas(table_.storage().elementSize(), node_.size);
+    for (const std::uint32_t cluster : *chain)
+        if (!areas.add(table_.clusterOffset(cluster), table_.boot().clusterBytes()))
+            return std::nullopt;
+    if (!areas.complete()) {
+        Error::set(Error::Corrupt, "the cluster chain is shorter than the file's size");
+        return std::nullopt;
+    }
+    return areas.take();
 }
 
 template <typename Transfer>

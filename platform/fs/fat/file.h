@@ -27,6 +27,7 @@ public:
     std::uint64_t write(const void* buffer, std::uint64_t length) override;
     std::uint64_t resize(std::uint64_t size) override;
     bool flush() override;
+    std::optional<std::vector<Area>> allocation() override;
 
 private:
     // The file's clusters, read from the table once per open file and kept up to date as it

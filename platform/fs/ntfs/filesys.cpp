@@ -2,6 +2,7 @@
 #include "platform/fs/listed_directory.h"
 
 #include "platform/core/error.h"
+#include "platform/fs/area_collector.h"
 #include "platform/log/log.h"
 #include "platform/storage/byte_io.h"
 
@@ -228,6 +229,37 @@ public:
         return size();
     }
     bool flush() override { return ntfs_inode_sync(inode_) == 0; }
+    std::optional<std::vector<Area>> allocation() override
+    {
+        if (!NAttrNonResident(data_)) {
+            Error::set(Error::NotSupported, "the file's data is kept inside its record");
+            return std::nullopt;
+        }
+        if (NAttrCompressed(data_) || NAttrEncrypted(data_)) {
+            Error::set(Error::NotSupported, "the file is compressed or encrypted");
+            return std::nullopt;
+        }
+        if (ntfs_attr_map_whole_runlist(data_) != 0) {
+            setError();
+            return std::nullopt;
+        }
+        ntfs_volume* volume = inode_->vol;
+        AreaCollector areas(deviceOf(volume->dev).storage->elementSize(), size());
+        for (const runlist_element* run = data_->rl; run && run->length > 0 && !areas.complete(); ++run) {
+            if (run->lcn < 0) {
+                Error::set(Error::NotSupported, "the file has holes");
+                return std::nullopt;
+            }
+            if (!areas.add(std::uint64_t(run->lcn) * volume->cluster_size,
+                           std::uint64_t(run->length) * volume->cluster_size))
+                return std::nullopt;
+        }
+        if (!areas.complete()) {
+            Error::set(Error::Corrupt, "the file's runs are shorter than its size");
+            return std::nullopt;
+        }
+        return areas.take();
+    }
 
 private:
     Ref<NtfsFilesys> owner_;

@@ -99,7 +99,8 @@ TEST_P(Facade, ADirectoryIsNeverOpenedOrRemovedAsAFile)
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, Facade,
-                         testing::Values(FacadeCase{"host", {}}, FacadeCase{"fat32", {"mkfs.fat", "-F", "32", "-s", "1"}},
+                         testing::Values(FacadeCase{"host", {}},
+                                         FacadeCase{"fat32", {"mkfs.fat", "-F", "32", "-s", "1"}},
                                          FacadeCase{"ext4", {"mkfs.ext4", "-q", "-F"}},
                                          FacadeCase{"ntfs", {"mkntfs", "-F", "-f", "-q"}}),
                          [](const auto& param) { return param.param.name; });
