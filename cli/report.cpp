@@ -4,6 +4,7 @@
 #include "platform/core/bytes.h"
 #include "platform/core/string_util.h"
 #include "platform/partman/partition.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/not_applied_id.h"
 #include "postprocessing/pipeline.h"
 #include "postprocessing/step_labels.h"
@@ -63,7 +64,7 @@ std::vector<Mapping> recordedMappings(const PP::Keeper& keeper)
 {
     std::vector<Mapping> mappings;
     for (PP::u64 kind : {PP::KindDiskIdChange, PP::KindPartitionUuidChange, PP::KindVolumeIdChange})
-        for (PP::u64 index = keeper.findNext(kind, 0, 0); index != 0; index = keeper.findNext(kind, index, 0)) {
+        for (const PP::u64 index : PP::entriesOf(keeper, kind)) {
             const auto notApplied = Platform::refCast<PP::NotAppliedId>(keeper.getToObject(index));
             const PP::ObjectRef newId = notApplied ? PP::ObjectRef(notApplied->attempted()) : keeper.getToObject(index);
             mappings.push_back({kind, keeper.getId(index), idText(kind, keeper.getFromObject(index)),

@@ -100,6 +100,20 @@ bool addLinuxIdString(Ref<Keeper> keeper, u64 id, const Variant& fromName, const
     return true;
 }
 
+// Both adders' checks: a keeper, and an entry of the kind they add to; false after the log line.
+bool isEntryOfKind(const Ref<Keeper>& keeper, u64 id, u64 kind, const char* name)
+{
+    if (!keeper) {
+        LogMessage(Channels::handler(), LogError) << name << "No keeper";
+        return false;
+    }
+    if (keeper->getKind(id) != kind) {
+        LogMessage(Channels::handler(), LogError) << name << "Incorrect ID type";
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 bool PPHandler::addLinuxDiskIdString(Ref<Keeper> keeper, u64 id, const Variant& fromDiskName,
@@ -107,14 +121,8 @@ bool PPHandler::addLinuxDiskIdString(Ref<Keeper> keeper, u64 id, const Variant& 
                                      const Variant& toDiskSerial)
 {
     constexpr const char* kName = "Libraries::KRO::PostProcessing::PPHandler::addLinuxDiskIdString: ";
-    if (!keeper) {
-        LogMessage(Channels::handler(), LogError) << kName << "No keeper";
+    if (!isEntryOfKind(keeper, id, KindDisk, kName))
         return false;
-    }
-    if (keeper->getKind(id) != KindDisk) {
-        LogMessage(Channels::handler(), LogError) << kName << "Incorrect ID type";
-        return false;
-    }
     return addLinuxIdString(keeper, id, fromDiskName, fromDiskSerial, kNoPartition, toDiskName, toDiskSerial,
                             kNoPartition);
 }
@@ -124,14 +132,8 @@ bool PPHandler::addLinuxPartIdString(Ref<Keeper> keeper, u64 id, const Variant& 
                                      const Variant& toDiskSerial, u64 toPartIdx)
 {
     constexpr const char* kName = "Libraries::KRO::PostProcessing::PPHandler::addLinuxPartIdString: ";
-    if (!keeper) {
-        LogMessage(Channels::handler(), LogError) << kName << "No keeper";
+    if (!isEntryOfKind(keeper, id, KindPartition, kName))
         return false;
-    }
-    if (keeper->getKind(id) != KindPartition) {
-        LogMessage(Channels::handler(), LogError) << kName << "Incorrect ID type";
-        return false;
-    }
     if (fromPartIdx == kNoPartition) {
         LogMessage(Channels::handler(), LogError) << "Invalid from partidx " << std::int64_t(fromPartIdx);
         return false;

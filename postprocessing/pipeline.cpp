@@ -8,6 +8,7 @@
 #include "postprocessing/common/media_direct.h"
 #include "postprocessing/common/partition_type.h"
 #include "postprocessing/common/volume_ids.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/linux/boot_references.h"
 #include "postprocessing/linux/fstab.h"
 #include "postprocessing/log_channels.h"
@@ -312,10 +313,8 @@ const PipelineSteps& PipelineSteps::builtIn()
 
 bool runPipeline(Ref<Keeper> keeper, Ref<PPNotifier> notifier, const PipelineSteps& steps)
 {
-    if (!keeper) {
-        LogMessage(Channels::handler(), LogError) << "No keeper object";
+    if (keeperMissing(keeper, Channels::handler()))
         return true;
-    }
     Run(std::move(keeper), std::move(notifier), steps).execute();
     return true;
 }

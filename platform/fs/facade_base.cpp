@@ -4,6 +4,14 @@
 
 namespace Platform {
 
+std::pair<std::string, std::string> FacadeBase::splitParent(const std::string& path)
+{
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return {"/", path};
+    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
 bool FacadeBase::refuseIfReadOnly() const
 {
     if (!readOnly())

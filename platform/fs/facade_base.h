@@ -19,6 +19,9 @@ public:
 protected:
     explicit FacadeBase(Access access) : access_(access) {}
 
+    // "/a/b" as the parent path "/a" and the name "b"; "/b" as "/" and "b".
+    static std::pair<std::string, std::string> splitParent(const std::string& path);
+
     // An existing file; null with Error set (PathNotFound when it is missing, IsDirectory for a
     // directory).
     virtual Ref<File> openExisting(const std::string& path, Access access) = 0;

@@ -3,6 +3,7 @@
 #include "platform/core/error.h"
 #include "platform/core/string_util.h"
 #include "platform/fs/line_io.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/file_tools.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -38,8 +39,7 @@ std::string variantText(const VariantList& list)
 LinuxIdMap linuxIdMap(const Ref<Keeper>& keeper)
 {
     LinuxIdMap map;
-    for (u64 entry = keeper->findNext(KindLinuxIdString, 0, 0); entry != 0;
-         entry = keeper->findNext(KindLinuxIdString, entry, 0)) {
+    for (const u64 entry : entriesOf(*keeper, KindLinuxIdString)) {
         const std::string from = variantText(keeper->getFrom(entry));
         const std::string to = variantText(keeper->getTo(entry));
         if (from.empty()) {
@@ -278,18 +278,15 @@ std::string rewriteSearchLine(const std::string& line, bool fsUuidCommand, const
 
 StepResult adjustGrubCfg(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::bootloader(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
     // MBR partition ids are spelled "1a2b3c4d-02" in kernel options: the partition map has them.
     Tools::IdMaps ids;
-    if (!Tools::buildIdMaps(
+    if (const auto stop = Tools::startIdStep(
             keeper, ids,
-            "Libraries::KRO::PostProcessing::Bootloader::adjustGrubCfg invalid fs ids, cannot add mapping for ",
-            "Libraries::KRO::PostProcessing::Bootloader::adjustGrubCfg invalid partition ids, cannot add mapping for ",
+            {"Libraries::KRO::PostProcessing::Bootloader::adjustGrubCfg invalid fs ids, cannot add mapping for ",
+             "Libraries::KRO::PostProcessing::Bootloader::adjustGrubCfg invalid partition ids, cannot add mapping "
+             "for "},
             Channels::bootloader()))
-        return StepResult::Failed;
+        return *stop;
     Maps maps{std::move(ids.fsIds), std::move(ids.partitionIds), {}};
     maps.linuxIds = linuxIdMap(keeper);
     if (maps.fsIds.empty() && maps.partitionIds.empty() && maps.linuxIds.empty()) {

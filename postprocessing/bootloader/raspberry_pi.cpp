@@ -3,6 +3,7 @@
 #include "platform/core/error.h"
 #include "platform/core/string_util.h"
 #include "platform/fs/family.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/file_tools.h"
 #include "postprocessing/tools/target_filesystem.h"
@@ -105,21 +106,14 @@ std::string rewriteCommandLine(const std::string& text, const UuidReplaceMap& fs
 
 StepResult adjustRaspberryPi(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::bootloader(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
     Tools::IdMaps maps;
-    if (!Tools::buildIdMaps(keeper, maps, "FS ID: cannot add mapping for ", "Part ID: cannot add mapping for ",
-                            Channels::bootloader()))
-        return StepResult::Failed;
-    if (maps.empty()) {
-        LogMessage(Channels::bootloader(), LogDetail) << "No FS or partition ID mapping found";
-        return StepResult::NothingFound;
-    }
+    if (const auto stop = Tools::startIdStep(keeper, maps,
+                                             {"FS ID: cannot add mapping for ", "Part ID: cannot add mapping for ",
+                                              "No FS or partition ID mapping found", LogDetail},
+                                             Channels::bootloader()))
+        return *stop;
     StepResult result = StepResult::NothingFound;
-    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
-         partition = keeper->findNext(KindPartition, partition, 0)) {
+    for (const u64 partition : entriesOf(*keeper, KindPartition)) {
         if (!Platform::isFat(Tools::getToFileSystemType(keeper, partition)))
             continue;
         const auto fs = Tools::getToFSItemFactory(keeper, partition, 1);

@@ -4,6 +4,7 @@
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
 #include "platform/partman/partition_manager.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/not_applied_id.h"
 #include "postprocessing/tools/format_fs_id.h"
@@ -102,7 +103,7 @@ private:
 
 StepResult DiskIdChange::run()
 {
-    for (u64 disk = keeper_->findNext(KindDisk, 0, 0); disk != 0; disk = keeper_->findNext(KindDisk, disk, 0)) {
+    for (const u64 disk : entriesOf(*keeper_, KindDisk)) {
         DiskPass pass;
         pass.disk = disk;
         pass.change = changeDisks_;
@@ -220,8 +221,7 @@ DiskIdChange::Flow DiskIdChange::handleGpt(DiskPass& pass, PartitionManager& tab
 // Finds the disk's partition entry whose recorded target start (kind 2) is start.
 u64 DiskIdChange::matchPartition(u64 disk, std::size_t index, u64 start) const
 {
-    for (u64 entry = keeper_->findNext(KindPartition, 0, disk); entry != 0;
-         entry = keeper_->findNext(KindPartition, entry, disk)) {
+    for (const u64 entry : entriesOf(*keeper_, KindPartition, disk)) {
         const u64 offsetEntry = keeper_->findNext(KindPartitionOffset, 0, entry);
         if (offsetEntry == 0) {
             LogMessage(Channels::common(), LogDetail)
@@ -433,10 +433,8 @@ StepResult DiskIdChange::finish()
 
 StepResult changeDiskIds(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
+    if (keeperMissing(keeper, Channels::common()))
         return StepResult::Failed;
-    }
     return DiskIdChange(std::move(keeper)).run();
 }
 

@@ -2,6 +2,7 @@
 
 #include "platform/core/error.h"
 #include "platform/fs/family.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/disk_geometry.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -43,58 +44,55 @@ StepResult writeGeometry(const Ref<Keeper>& keeper, u64 partition, Platform::Fil
     return StepResult::Ok;
 }
 
-} // namespace
-
-StepResult adjustPartitionCHS(Ref<Keeper> keeper)
+// Every boot sector on the disk's partitions gets the disk's geometry.
+StepResult writeDiskGeometry(const Ref<Keeper>& keeper, u64 disk)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
-        return StepResult::Failed;
+    u32 cylinders = 0, heads = kDefaultHeads, sectors = kDefaultSectors;
+    if (!Tools::getCompleteDiskGeometry(keeper, disk, cylinders, heads, sectors)) {
+        heads = kDefaultHeads;
+        sectors = kDefaultSectors;
     }
     StepResult result = StepResult::NothingFound;
-    for (u64 disk = keeper->findNext(KindDisk, 0, 0); disk != 0; disk = keeper->findNext(KindDisk, disk, 0)) {
-        u32 cylinders = 0, heads = kDefaultHeads, sectors = kDefaultSectors;
-        if (!Tools::getCompleteDiskGeometry(keeper, disk, cylinders, heads, sectors)) {
-            heads = kDefaultHeads;
-            sectors = kDefaultSectors;
-        }
-        for (u64 partition = keeper->findNext(KindPartition, 0, disk); partition != 0;
-             partition = keeper->findNext(KindPartition, partition, disk)) {
-            const auto fs = Tools::openToFileSystem(keeper, partition);
-            if (fs && Platform::fsFamily(fs->type()).biosBootSector)
-                result = foldResult(result, writeGeometry(keeper, partition, *fs, heads, sectors));
-        }
+    for (const u64 partition : entriesOf(*keeper, KindPartition, disk)) {
+        const auto fs = Tools::openToFileSystem(keeper, partition);
+        if (fs && Platform::fsFamily(fs->type()).biosBootSector)
+            result = foldResult(result, writeGeometry(keeper, partition, *fs, heads, sectors));
     }
     return result;
 }
 
+// The partition's recorded offset into its file system's hidden-sectors field.
+StepResult writeOffset(const Ref<Keeper>& keeper, u64 partition)
+{
+    const u64 offsetEntry = keeper->findNext(KindPartitionOffset, 0, partition);
+    const VariantList offset = offsetEntry ? keeper->getTo(offsetEntry) : VariantList{};
+    if (offset.empty() || !offset.front().isInteger())
+        return StepResult::NothingFound;
+    const auto fs = Tools::openToFileSystem(keeper, partition);
+    if (!fs)
+        return StepResult::NothingFound;
+    Platform::Error::set(Platform::Error::None);
+    if (fs->setPartitionOffset(*offset.front().asInteger()))
+        return StepResult::Ok;
+    if (Platform::Error::get() == Platform::Error::NotSupported)
+        return StepResult::NothingFound;
+    LogMessage(Channels::common(), LogError)
+        << "Could not set offset of " << Tools::entryLogName(*keeper, partition) << ": " << Platform::Error::text();
+    return StepResult::Failed;
+}
+
+} // namespace
+
+StepResult adjustPartitionCHS(Ref<Keeper> keeper)
+{
+    return foldOverEntries(keeper, KindDisk, Channels::common(), StepResult::Failed,
+                           [&](u64 disk) { return writeDiskGeometry(keeper, disk); });
+}
+
 StepResult adjustFsOffset(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
-    StepResult result = StepResult::NothingFound;
-    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
-         partition = keeper->findNext(KindPartition, partition, 0)) {
-        const u64 offsetEntry = keeper->findNext(KindPartitionOffset, 0, partition);
-        const VariantList offset = offsetEntry ? keeper->getTo(offsetEntry) : VariantList{};
-        if (offset.empty() || !offset.front().isInteger())
-            continue;
-        const auto fs = Tools::openToFileSystem(keeper, partition);
-        if (!fs)
-            continue;
-        Platform::Error::set(Platform::Error::None);
-        if (fs->setPartitionOffset(*offset.front().asInteger())) {
-            result = foldResult(result, StepResult::Ok);
-        } else if (Platform::Error::get() != Platform::Error::NotSupported) {
-            LogMessage(Channels::common(), LogError)
-                << "Could not set offset of " << Tools::entryLogName(*keeper, partition) << ": "
-                << Platform::Error::text();
-            result = StepResult::Failed;
-        }
-    }
-    return result;
+    return foldOverEntries(keeper, KindPartition, Channels::common(), StepResult::Failed,
+                           [&](u64 partition) { return writeOffset(keeper, partition); });
 }
 
 } // namespace Libraries::KRO::PostProcessing::Common

@@ -2,6 +2,7 @@
 
 #include "platform/partman/partition_manager.h"
 #include "postprocessing/common/chs.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/disk_geometry.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -32,44 +33,44 @@ void setPartitionChs(Platform::Partition& partition, bool geometryKnown, u32 hea
     partition.setEndCHS(endChs);
 }
 
+StepResult adjustDisk(const Ref<Keeper>& keeper, u64 disk)
+{
+    u32 cylinders = 0, heads = 0, sectors = 0;
+    const bool geometryKnown = Tools::getCompleteDiskGeometry(keeper, disk, cylinders, heads, sectors);
+    const auto storage = Tools::getToStorage(keeper, disk);
+    if (!storage) {
+        LogMessage(Channels::common(), LogError)
+            << "Libraries::KRO::PostProcessing::Common::adjustMbrCHSCould not get storage for disk";
+        return StepResult::NothingFound;
+    }
+    const auto table = Platform::PartitionManager::create(storage, 512);
+    if (!table) {
+        LogMessage(Channels::common(), LogError) << "Could not get Partition manager";
+        return StepResult::NothingFound;
+    }
+    StepResult result = StepResult::NothingFound;
+    bool changed = false;
+    for (std::size_t i = 0; i < table->partitionCount(); ++i) {
+        const auto partition = table->partition(i);
+        if (!partition) {
+            LogMessage(Channels::common(), LogError) << "Partition not valid: " << i;
+            result = StepResult::Failed;
+            continue;
+        }
+        setPartitionChs(*partition, geometryKnown, heads, sectors);
+        changed = true;
+    }
+    if (changed)
+        result = foldResult(result, table->commit(true) == 0 ? StepResult::Ok : StepResult::Failed);
+    return result;
+}
+
 } // namespace
 
 StepResult adjustMbrCHS(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
-    StepResult result = StepResult::NothingFound;
-    for (u64 disk = keeper->findNext(KindDisk, 0, 0); disk != 0; disk = keeper->findNext(KindDisk, disk, 0)) {
-        u32 cylinders = 0, heads = 0, sectors = 0;
-        const bool geometryKnown = Tools::getCompleteDiskGeometry(keeper, disk, cylinders, heads, sectors);
-        const auto storage = Tools::getToStorage(keeper, disk);
-        if (!storage) {
-            LogMessage(Channels::common(), LogError)
-                << "Libraries::KRO::PostProcessing::Common::adjustMbrCHSCould not get storage for disk";
-            continue;
-        }
-        const auto table = Platform::PartitionManager::create(storage, 512);
-        if (!table) {
-            LogMessage(Channels::common(), LogError) << "Could not get Partition manager";
-            continue;
-        }
-        bool changed = false;
-        for (std::size_t i = 0; i < table->partitionCount(); ++i) {
-            const auto partition = table->partition(i);
-            if (!partition) {
-                LogMessage(Channels::common(), LogError) << "Partition not valid: " << i;
-                result = StepResult::Failed;
-                continue;
-            }
-            setPartitionChs(*partition, geometryKnown, heads, sectors);
-            changed = true;
-        }
-        if (changed)
-            result = foldResult(result, table->commit(true) == 0 ? StepResult::Ok : StepResult::Failed);
-    }
-    return result;
+    return foldOverEntries(keeper, KindDisk, Channels::common(), StepResult::Failed,
+                           [&](u64 disk) { return adjustDisk(keeper, disk); });
 }
 
 } // namespace Libraries::KRO::PostProcessing::Common

@@ -2,6 +2,7 @@
 
 #include "platform/boot/grub.h"
 #include "platform/partman/partition_manager.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/storage_resolution.h"
 
@@ -44,30 +45,27 @@ bool mayClear(Interfaces::Storage& storage, const Ref<Interfaces::Storage>& hand
     return true;
 }
 
+StepResult clearSector(const Ref<Keeper>& keeper, u64 disk)
+{
+    const auto storage = Tools::getToStorage(keeper, disk);
+    if (!storage) {
+        LogMessage(Channels::common(), LogError)
+            << "Libraries::KRO::PostProcessing::Common::removeMediaDirectCould not get storage for disk";
+        return StepResult::NothingFound;
+    }
+    if (!mayClear(*storage, storage))
+        return StepResult::NothingFound;
+    // Written without looking: whatever sector 3 holds, it is not ours to keep.
+    const std::vector<u8> zeros(storage->elementSize(), 0);
+    return storage->write(kMediaDirectSector, 1, zeros.data()) == 1 ? StepResult::Ok : StepResult::NothingFound;
+}
+
 } // namespace
 
 StepResult removeMediaDirect(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
-        return StepResult::NothingFound;
-    }
-    StepResult result = StepResult::NothingFound;
-    for (u64 disk = keeper->findNext(KindDisk, 0, 0); disk != 0; disk = keeper->findNext(KindDisk, disk, 0)) {
-        const auto storage = Tools::getToStorage(keeper, disk);
-        if (!storage) {
-            LogMessage(Channels::common(), LogError)
-                << "Libraries::KRO::PostProcessing::Common::removeMediaDirectCould not get storage for disk";
-            continue;
-        }
-        if (!mayClear(*storage, storage))
-            continue;
-        // Written without looking: whatever sector 3 holds, it is not ours to keep.
-        const std::vector<u8> zeros(storage->elementSize(), 0);
-        if (storage->write(kMediaDirectSector, 1, zeros.data()) == 1)
-            result = StepResult::Ok;
-    }
-    return result;
+    return foldOverEntries(keeper, KindDisk, Channels::common(), StepResult::NothingFound,
+                           [&](u64 disk) { return clearSector(keeper, disk); });
 }
 
 } // namespace Libraries::KRO::PostProcessing::Common

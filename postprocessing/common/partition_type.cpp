@@ -1,6 +1,7 @@
 #include "postprocessing/common/partition_type.h"
 
 #include "platform/partman/partition_manager.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/storage_resolution.h"
 #include "postprocessing/tools/target_filesystem.h"
@@ -77,70 +78,64 @@ StepResult commit(PartitionManager& table)
     return table.commit(true) == 0 ? StepResult::Ok : StepResult::Failed;
 }
 
+StepResult adjustTypesOnDisk(const Ref<Keeper>& keeper, u64 disk)
+{
+    const auto table = targetTable(keeper, disk, "adjustPartitionType");
+    if (!table || table->tableType() == TableType::Gpt)
+        return StepResult::NothingFound;
+    for (const u64 entry : entriesOf(*keeper, KindPartition, disk)) {
+        u64 from = 0, to = 0;
+        if (!partitionOffsets(keeper, entry, from, to))
+            continue;
+        for (std::size_t i = 0; i < table->partitionCount(); ++i)
+            if (table->partition(i)->start() == to)
+                checkType(keeper, entry, *table->partition(i));
+    }
+    return commit(*table);
+}
+
+StepResult transferTypesOnDisk(const Ref<Keeper>& keeper, u64 disk, bool adjust)
+{
+    const auto target = targetTable(keeper, disk, "transferOrAdjustPartitionType");
+    if (!target)
+        return StepResult::NothingFound;
+    auto source = PartitionManager::create(Tools::getFromStorage(keeper, disk), 512);
+    if (source && source->tableType() != target->tableType()) {
+        LogMessage(Channels::common(), LogDetail) << "Source and target partitition table types differ";
+        source.reset();
+    }
+    for (const u64 entry : entriesOf(*keeper, KindPartition, disk)) {
+        u64 from = 0, to = 0;
+        if (!partitionOffsets(keeper, entry, from, to))
+            continue;
+        const auto targetPartition = partitionAt(*target, to);
+        if (source) {
+            const auto sourcePartition = partitionAt(*source, from);
+            if (!sourcePartition || !targetPartition) {
+                LogMessage(Channels::common(), LogError)
+                    << "Could not find partition in partitition table: " << Tools::entryLogName(*keeper, entry);
+                continue;
+            }
+            targetPartition->setTypeUUID(sourcePartition->typeUuid());
+        }
+        if (adjust && targetPartition && target->tableType() == TableType::Mbr)
+            checkType(keeper, entry, *targetPartition);
+    }
+    return commit(*target);
+}
+
 } // namespace
 
 StepResult adjustPartitionType(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
-    StepResult result = StepResult::NothingFound;
-    for (u64 disk = keeper->findNext(KindDisk, 0, 0); disk != 0; disk = keeper->findNext(KindDisk, disk, 0)) {
-        const auto table = targetTable(keeper, disk, "adjustPartitionType");
-        if (!table || table->tableType() == TableType::Gpt)
-            continue;
-        for (u64 entry = keeper->findNext(KindPartition, 0, disk); entry != 0;
-             entry = keeper->findNext(KindPartition, entry, disk)) {
-            u64 from = 0, to = 0;
-            if (!partitionOffsets(keeper, entry, from, to))
-                continue;
-            for (std::size_t i = 0; i < table->partitionCount(); ++i)
-                if (table->partition(i)->start() == to)
-                    checkType(keeper, entry, *table->partition(i));
-        }
-        result = foldResult(result, commit(*table));
-    }
-    return result;
+    return foldOverEntries(keeper, KindDisk, Channels::common(), StepResult::Failed,
+                           [&](u64 disk) { return adjustTypesOnDisk(keeper, disk); });
 }
 
 StepResult transferOrAdjustPartitionType(Ref<Keeper> keeper, bool adjust)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
-    StepResult result = StepResult::NothingFound;
-    for (u64 disk = keeper->findNext(KindDisk, 0, 0); disk != 0; disk = keeper->findNext(KindDisk, disk, 0)) {
-        const auto target = targetTable(keeper, disk, "transferOrAdjustPartitionType");
-        if (!target)
-            continue;
-        auto source = PartitionManager::create(Tools::getFromStorage(keeper, disk), 512);
-        if (source && source->tableType() != target->tableType()) {
-            LogMessage(Channels::common(), LogDetail) << "Source and target partitition table types differ";
-            source.reset();
-        }
-        for (u64 entry = keeper->findNext(KindPartition, 0, disk); entry != 0;
-             entry = keeper->findNext(KindPartition, entry, disk)) {
-            u64 from = 0, to = 0;
-            if (!partitionOffsets(keeper, entry, from, to))
-                continue;
-            const auto targetPartition = partitionAt(*target, to);
-            if (source) {
-                const auto sourcePartition = partitionAt(*source, from);
-                if (!sourcePartition || !targetPartition) {
-                    LogMessage(Channels::common(), LogError)
-                        << "Could not find partition in partitition table: " << Tools::entryLogName(*keeper, entry);
-                    continue;
-                }
-                targetPartition->setTypeUUID(sourcePartition->typeUuid());
-            }
-            if (adjust && targetPartition && target->tableType() == TableType::Mbr)
-                checkType(keeper, entry, *targetPartition);
-        }
-        result = foldResult(result, commit(*target));
-    }
-    return result;
+    return foldOverEntries(keeper, KindDisk, Channels::common(), StepResult::Failed,
+                           [&](u64 disk) { return transferTypesOnDisk(keeper, disk, adjust); });
 }
 
 } // namespace Libraries::KRO::PostProcessing::Common

@@ -4,6 +4,7 @@
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
 #include "platform/fs/family.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/format_fs_id.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -100,14 +101,11 @@ StepResult changeVolumeId(Ref<Keeper> keeper, Ref<Platform::FileSysBase> fs, u64
 
 StepResult changeVolumeIds(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::common(), LogError) << "No keeper object";
+    if (keeperMissing(keeper, Channels::common()))
         return StepResult::Failed;
-    }
     const bool allPartitions = keeper->isEnabled(StepFsIds);
     StepResult result = StepResult::NothingFound;
-    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
-         partition = keeper->findNext(KindPartition, partition, 0)) {
+    for (const u64 partition : entriesOf(*keeper, KindPartition)) {
         const u64 idEntry = keeper->findNext(KindVolumeIdChange, 0, partition);
         if (idEntry == 0 && !allPartitions)
             continue;

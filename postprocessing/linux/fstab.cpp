@@ -2,6 +2,7 @@
 
 #include "platform/core/error.h"
 #include "platform/core/string_util.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/file_tools.h"
 #include "postprocessing/tools/text_rewrite.h"
@@ -129,24 +130,17 @@ StepResult adjustFstabLines(Platform::LineReader& reader, Platform::LineWriter& 
 
 StepResult adjustFstab(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::linuxSys(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
     Tools::IdMaps maps;
-    if (!Tools::buildIdMaps(
-            keeper, maps, "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid fs ids, cannot add mapping for ",
-            "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid partition ids, cannot add mapping for ",
+    if (const auto stop = Tools::startIdStep(
+            keeper, maps,
+            {"Libraries::KRO::PostProcessing::Linux::adjustFstab invalid fs ids, cannot add mapping for ",
+             "Libraries::KRO::PostProcessing::Linux::adjustFstab invalid partition ids, cannot add mapping for ",
+             "No fs or partition id mapping found ", LogError},
             Channels::linuxSys()))
-        return StepResult::Failed;
-    if (maps.empty()) {
-        LogMessage(Channels::linuxSys(), LogError) << "No fs or partition id mapping found ";
-        return StepResult::NothingFound;
-    }
+        return *stop;
     StepResult result = StepResult::NothingFound;
     bool unreadable = false;
-    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
-         partition = keeper->findNext(KindPartition, partition, 0)) {
+    for (const u64 partition : entriesOf(*keeper, KindPartition)) {
         const auto fs = Tools::getToFSItemFactory(keeper, partition, 1);
         std::string where;
         const auto table = fs ? openMountTable(*fs, where, unreadable) : Ref<Platform::File>();

@@ -3,6 +3,7 @@
 #include "platform/core/error.h"
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/storage_resolution.h"
 
@@ -116,8 +117,7 @@ Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
 StepResult foldTargetFileSystems(const Ref<Keeper>& keeper, const std::function<StepResult(Platform::Filesys&)>& fn)
 {
     StepResult result = StepResult::NothingFound;
-    for (u64 partition = keeper->findNext(KindPartition, 0, 0); partition != 0;
-         partition = keeper->findNext(KindPartition, partition, 0))
+    for (const u64 partition : entriesOf(*keeper, KindPartition))
         if (const auto fs = getToFSItemFactory(keeper, partition, 1))
             result = foldResult(result, fn(*fs));
     return result;

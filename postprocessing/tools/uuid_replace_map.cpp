@@ -2,6 +2,7 @@
 
 #include "platform/core/string_util.h"
 #include "platform/partman/partition.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/format_fs_id.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -163,7 +164,7 @@ namespace {
 bool buildUuidMap(const Ref<Keeper>& keeper, u64 kind, UuidReplaceMap& map, const char* failureText,
                   Platform::LogChannel channel)
 {
-    for (u64 entry = keeper->findNext(kind, 0, 0); entry != 0; entry = keeper->findNext(kind, entry, 0)) {
+    for (const u64 entry : entriesOf(*keeper, kind)) {
         const StepResult result = addUuidMapId(keeper, entry, map);
         if (result != StepResult::NothingFound && result != StepResult::Ok) {
             LogMessage(channel, LogError) << failureText << entryLogName(*keeper, entry) << " : " << u32(result);
@@ -183,6 +184,18 @@ bool buildIdMaps(const Ref<Keeper>& keeper, IdMaps& maps, const char* fsFailureT
         return false;
     mapLinuxMbrPartitionIds(maps.partitionIds);
     return true;
+}
+
+std::optional<StepResult> startIdStep(const Ref<Keeper>& keeper, IdMaps& maps, const IdMapTexts& texts,
+                                      Platform::LogChannel channel)
+{
+    if (keeperMissing(keeper, channel) || !buildIdMaps(keeper, maps, texts.fsFailure, texts.partitionFailure, channel))
+        return StepResult::Failed;
+    if (texts.noMapping && maps.empty()) {
+        LogMessage(channel, texts.noMappingLevel) << texts.noMapping;
+        return StepResult::NothingFound;
+    }
+    return std::nullopt;
 }
 
 } // namespace Libraries::KRO::PostProcessing::Tools

@@ -47,5 +47,18 @@ struct IdMaps {
 bool buildIdMaps(const Ref<Keeper>& keeper, IdMaps& maps, const char* fsFailureText, const char* partitionFailureText,
                  Platform::LogChannel channel);
 
+// What a text step says when its maps cannot be built or are empty.
+struct IdMapTexts {
+    const char* fsFailure;
+    const char* partitionFailure;
+    // Said at its level when neither map has an entry; null for a step with more maps to look at.
+    const char* noMapping = nullptr;
+    Platform::LogLevel noMappingLevel = Platform::LogDetail;
+};
+// A text step's start: the keeper checked and both maps built. The step's result when it stops
+// here: Failed without a keeper or with a bad entry, NothingFound with no mapping at all.
+std::optional<StepResult> startIdStep(const Ref<Keeper>& keeper, IdMaps& maps, const IdMapTexts& texts,
+                                      Platform::LogChannel channel);
+
 } // namespace Tools
 } // namespace Libraries::KRO::PostProcessing

@@ -1,6 +1,7 @@
 #include "postprocessing/windows/lba_patch.h"
 
 #include "platform/core/bytes.h"
+#include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/storage_resolution.h"
 
@@ -29,18 +30,11 @@ StepResult patchStorage(Interfaces::Storage& storage)
 
 StepResult applyLbaPatch(Ref<Keeper> keeper)
 {
-    if (!keeper) {
-        LogMessage(Channels::windows(), LogError) << "No keeper object";
-        return StepResult::Failed;
-    }
-    StepResult result = StepResult::NothingFound;
     // Every partition entry names a target whose first sector may carry the boot code.
-    for (u64 id = keeper->findNext(KindPartition, 0, 0); id != 0; id = keeper->findNext(KindPartition, id, 0)) {
-        const auto storage = Tools::getToStorage(keeper, id);
-        if (storage)
-            result = foldResult(result, patchStorage(*storage));
-    }
-    return result;
+    return foldOverEntries(keeper, KindPartition, Channels::windows(), StepResult::Failed, [&](u64 partition) {
+        const auto storage = Tools::getToStorage(keeper, partition);
+        return storage ? patchStorage(*storage) : StepResult::NothingFound;
+    });
 }
 
 } // namespace Libraries::KRO::PostProcessing::Windows

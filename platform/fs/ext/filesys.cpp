@@ -176,10 +176,9 @@ ext2_ino_t ExtFilesys::lookup(const std::string& path)
 
 ext2_ino_t ExtFilesys::parentOf(const std::string& path, std::string& name)
 {
-    const std::string relative = withoutSlash(path);
-    const auto slash = relative.rfind('/');
-    name = slash == std::string::npos ? relative : relative.substr(slash + 1);
-    return slash == std::string::npos ? EXT2_ROOT_INO : lookup(relative.substr(0, slash));
+    auto [parent, leaf] = splitParent("/" + withoutSlash(path));
+    name = std::move(leaf);
+    return lookup(parent);
 }
 
 ext2_ino_t ExtFilesys::newFileInode(ext2_ino_t parent, const std::string& name)

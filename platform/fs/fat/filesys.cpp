@@ -15,19 +15,6 @@ namespace Platform {
 namespace A = Fat::Layout::Attribute;
 using Fat::Node;
 
-namespace {
-
-// "/a/b" as the parent path "/a" and the name "b".
-std::pair<std::string, std::string> splitParent(const std::string& path)
-{
-    const auto slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return {"/", path};
-    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
-}
-
-} // namespace
-
 FatFilesys::FatFilesys(std::unique_ptr<Fat::AllocationTable> table, Access access)
     : FacadeBase(access), table_(std::move(table))
 {

@@ -158,14 +158,6 @@ void setError()
     Error::setFromErrno();
 }
 
-std::pair<std::string, std::string> splitPath(const std::string& path)
-{
-    const auto slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return {"/", path};
-    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
-}
-
 } // namespace
 
 struct NtfsFilesys::Mount {
@@ -386,7 +378,7 @@ Ref<Directory> NtfsFilesys::openDirectory(const std::string& path)
 
 bool NtfsFilesys::create(const std::string& path, bool directory)
 {
-    const auto [parentPath, name] = splitPath(path);
+    const auto [parentPath, name] = splitParent(path);
     const UnicodeName unicode(name);
     ntfs_inode* parent = ntfs_pathname_to_inode(mount_->volume, nullptr, parentPath.c_str());
     if (!parent || unicode.length <= 0) {
@@ -407,7 +399,7 @@ bool NtfsFilesys::create(const std::string& path, bool directory)
 
 bool NtfsFilesys::removeExisting(const std::string& path)
 {
-    const auto [parentPath, name] = splitPath(path);
+    const auto [parentPath, name] = splitParent(path);
     const UnicodeName unicode(name);
     ntfs_inode* inode = ntfs_pathname_to_inode(mount_->volume, nullptr, path.c_str());
     ntfs_inode* parent = inode ? ntfs_pathname_to_inode(mount_->volume, nullptr, parentPath.c_str()) : nullptr;

@@ -121,13 +121,22 @@ void mtoolsPut(const std::string& image, const std::string& from, const std::str
 const std::vector<Family>& families()
 {
     static const std::vector<Family> all{
-        {"fat16", {"mkfs.fat", "-F", "16"}, mtoolsPut,
-         [](const std::string& image, const std::string& name) { TestSupport::runTool({"mdel", "-i", image, "::" + name}); },
+        {"fat16",
+         {"mkfs.fat", "-F", "16"},
+         mtoolsPut,
+         [](const std::string& image, const std::string& name) {
+             TestSupport::runTool({"mdel", "-i", image, "::" + name});
+         },
          nullptr},
-        {"fat32", {"mkfs.fat", "-F", "32", "-s", "1"}, mtoolsPut,
-         [](const std::string& image, const std::string& name) { TestSupport::runTool({"mdel", "-i", image, "::" + name}); },
+        {"fat32",
+         {"mkfs.fat", "-F", "32", "-s", "1"},
+         mtoolsPut,
+         [](const std::string& image, const std::string& name) {
+             TestSupport::runTool({"mdel", "-i", image, "::" + name});
+         },
          nullptr},
-        {"ext4", {"mkfs.ext4", "-q", "-F", "-b", "1024"},
+        {"ext4",
+         {"mkfs.ext4", "-q", "-F", "-b", "1024"},
          [](const std::string& image, const std::string& from, const std::string& name) {
              TestSupport::runTool({"debugfs", "-w", "-R", "write " + from + " " + name, image});
          },
@@ -135,7 +144,8 @@ const std::vector<Family>& families()
              TestSupport::runTool({"debugfs", "-w", "-R", "rm " + name, image});
          },
          extListing},
-        {"ntfs", {"mkntfs", "-F", "-f", "-q"},
+        {"ntfs",
+         {"mkntfs", "-F", "-f", "-q"},
          [](const std::string& image, const std::string& from, const std::string& name) {
              TestSupport::runTool({"ntfscp", image, from, name});
          },
@@ -144,7 +154,8 @@ const std::vector<Family>& families()
              const auto fs = Filesys::create(image, OpenFlags::FileSystemByPath, Access::ReadWrite);
              ASSERT_TRUE(fs && fs->removeFile(name));
          },
-         ntfsListing, crowdNtfs},
+         ntfsListing,
+         crowdNtfs},
     };
     return all;
 }
