@@ -13,6 +13,7 @@ struct FsFamily {
     FsType type;
     const char* name;     // as log lines name it
     std::size_t idLength; // bytes of the volume id; 0 when the family has none we change
+    const char* idName;   // what the family calls its volume id
     bool isFat;           // FAT12, FAT16 or FAT32
     bool biosBootSector;  // a boot sector with the BIOS parameter block's geometry and hidden sectors
 };

@@ -1,12 +1,24 @@
 #include "platform/fs/filesys_base.h"
 
 #include "platform/core/error.h"
+#include "platform/fs/family.h"
+#include "platform/storage/byte_io.h"
 
 namespace Platform {
 
 bool FileSysBase::setVolumeId(std::span<const std::uint8_t> id)
 {
+    const FsFamily& family = fsFamily(type());
+    if (id.size() != family.idLength)
+        return fail(Error::Invalid, std::string("the ") + family.name + " " + family.idName + " is " +
+                                        std::to_string(family.idLength) + " bytes, not " + std::to_string(id.size()));
     return undoable([&] { return writeVolumeId(id); });
+}
+
+Ref<ByteArray> FileSysBase::idAt(std::uint64_t offset) const
+{
+    const auto bytes = readBytes(*storage_, offset, fsFamily(type()).idLength);
+    return bytes.empty() ? Ref<ByteArray>() : ByteArray::create(bytes);
 }
 
 bool FileSysBase::setPartitionOffset(std::uint64_t sector)

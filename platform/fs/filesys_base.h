@@ -23,7 +23,7 @@ public:
     // Each change below is all or nothing: false (with Error's code and text) when it cannot be
     // made, and a write that fails part-way has the sectors already written put back.
 
-    // false when the id does not fit or cannot be written.
+    // false when the id is not as long as the family's ids, or cannot be written.
     bool setVolumeId(std::span<const std::uint8_t> id);
     // The partition's first sector, for the families that record it. The others answer false
     // with Error 0x10002 (not supported by this file system).
@@ -44,7 +44,11 @@ protected:
     {
     }
 
-    // The changes as each family makes them, writing through storage_.
+    // The volume id stored at offset, as long as the family's ids are.
+    Ref<ByteArray> idAt(std::uint64_t offset) const;
+
+    // The changes as each family makes them, writing through storage_; the id passed has the
+    // family's length.
     virtual bool writeVolumeId(std::span<const std::uint8_t> id) = 0;
     virtual bool writePartitionOffset(std::uint64_t sector);
     virtual bool writeGeometry(std::uint32_t heads, std::uint32_t sectorsPerTrack);

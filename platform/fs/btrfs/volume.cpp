@@ -1,4 +1,5 @@
 #include "platform/fs/btrfs/volume.h"
+#include "platform/fs/btrfs/layout.h"
 
 #include "platform/core/bytes.h"
 #include "platform/core/crc32c.h"
@@ -11,20 +12,7 @@ namespace Platform {
 
 namespace {
 
-constexpr std::uint64_t kCopies[] = {64ULL << 10, 64ULL << 20, 256ULL << 30};
-constexpr std::size_t kSuperblockSize = 4096;
-constexpr std::size_t kChecksum = 0x00;      // 32 bytes, crc32c in the first four
-constexpr std::size_t kChecksummed = 0x20;   // the checksum covers the rest of the block
-constexpr std::size_t kFsid = 0x20;          // 16 bytes
-constexpr std::size_t kBytenr = 0x30;        // u64: the copy's own offset
-constexpr std::size_t kMagic = 0x40;         // "_BHRfS_M"
-constexpr std::size_t kTotalBytes = 0x70;    // u64
-constexpr std::size_t kNumDevices = 0x88;    // u64
-constexpr std::size_t kIncompat = 0xBC;      // u64
-constexpr std::size_t kCsumType = 0xC4;      // u16, 0 = crc32c
-constexpr std::size_t kMetadataUuid = 0x23B; // 16 bytes
-constexpr std::uint64_t kIncompatMetadataUuid = 0x400;
-constexpr char kMagicText[] = "_BHRfS_M";
+using namespace Btrfs::Layout;
 
 std::uint32_t checksumOf(const std::vector<std::uint8_t>& block)
 {
@@ -58,14 +46,11 @@ std::optional<std::vector<std::uint64_t>> BtrfsVolume::detect(Interfaces::Storag
 
 Ref<ByteArray> BtrfsVolume::volumeId() const
 {
-    const auto fsid = readBytes(*storage_, kCopies[0] + kFsid, 16);
-    return fsid.empty() ? Ref<ByteArray>() : ByteArray::create(fsid);
+    return idAt(kCopies[0] + kFsid);
 }
 
 bool BtrfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
-    if (id.size() != 16)
-        return fail(Error::Invalid, "a Btrfs fsid is 16 bytes, not " + std::to_string(id.size()));
     std::vector<std::vector<std::uint8_t>> blocks;
     for (std::uint64_t offset : copies_) {
         blocks.push_back(readBytes(*storage_, offset, kSuperblockSize));

@@ -1,4 +1,5 @@
 #include "platform/fs/exfat/volume.h"
+#include "platform/fs/exfat/layout.h"
 
 #include "platform/core/bytes.h"
 #include "platform/storage/byte_io.h"
@@ -9,18 +10,7 @@ namespace Platform {
 
 namespace {
 
-constexpr char kSignature[] = "EXFAT   "; // at 3
-constexpr std::size_t kMustBeZero = 11;   // 53 bytes up to 63
-constexpr std::size_t kMustBeZeroLength = 53;
-constexpr std::size_t kPartitionOffset = 0x40; // u64
-constexpr std::size_t kVolumeLength = 0x48;    // u64
-constexpr std::size_t kVolumeSerial = 0x64;    // u32
-constexpr std::size_t kVolumeFlags = 106;      // 2 bytes, not in the checksum
-constexpr std::size_t kPercentInUse = 112;     // not in the checksum
-constexpr std::size_t kBytesPerSectorShift = 0x6C;
-constexpr std::size_t kBootSignature = 0x1FE;
-constexpr std::uint32_t kRegionSectors = 12;
-constexpr std::uint32_t kChecksumSector = 11;
+using namespace Exfat::Layout;
 
 } // namespace
 
@@ -60,8 +50,7 @@ std::optional<std::uint32_t> ExfatVolume::detect(Interfaces::Storage& storage)
 
 Ref<ByteArray> ExfatVolume::volumeId() const
 {
-    const auto bytes = readBytes(*storage_, kVolumeSerial, 4);
-    return bytes.empty() ? Ref<ByteArray>() : ByteArray::create(bytes);
+    return idAt(kVolumeSerial);
 }
 
 // Writes value at offset of sector 0 in both boot regions and their checksum sectors: the backup
@@ -89,8 +78,6 @@ bool ExfatVolume::updateBootRegions(std::size_t offset, std::span<const std::uin
 
 bool ExfatVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
-    if (id.size() != 4)
-        return fail(Error::Invalid, "an exFAT volume serial is 4 bytes, not " + std::to_string(id.size()));
     return updateBootRegions(kVolumeSerial, id);
 }
 

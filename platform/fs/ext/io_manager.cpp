@@ -1,4 +1,5 @@
 #include "platform/fs/ext/io_manager.h"
+#include "platform/fs/ext/layout.h"
 
 #include "platform/core/error.h"
 
@@ -165,7 +166,7 @@ ExtFileSystem::ExtFileSystem(Ref<Interfaces::Storage> storage, int flags) : sect
         name_ = "storage-" + std::to_string(nextName++);
         registry[name_] = storage;
     }
-    const auto superblock = readBytes(*storage, 1024, 1024);
+    const auto superblock = readBytes(*storage, Ext::Layout::kSuperblockOffset, Ext::Layout::kSuperblockSize);
     openProblem_ = superblock.empty()
                        ? "the superblock cannot be read"
                        : extSuperblockProblem(superblock, storage->elementCount() * storage->elementSize());

@@ -1,4 +1,5 @@
 #include "platform/fs/ext/superblock_check.h"
+#include "platform/fs/ext/layout.h"
 
 #include "platform/core/bytes.h"
 
@@ -8,33 +9,7 @@ namespace Platform {
 
 namespace {
 
-// Superblock fields, relative to its start.
-constexpr std::size_t kInodesCount = 0x00;
-constexpr std::size_t kBlocksCountLow = 0x04;
-constexpr std::size_t kReservedBlocksLow = 0x08;
-constexpr std::size_t kFirstDataBlock = 0x14;
-constexpr std::size_t kLogBlockSize = 0x18;
-constexpr std::size_t kLogClusterSize = 0x1C;
-constexpr std::size_t kBlocksPerGroup = 0x20;
-constexpr std::size_t kClustersPerGroup = 0x24;
-constexpr std::size_t kInodesPerGroup = 0x28;
-constexpr std::size_t kRevision = 0x4C;
-constexpr std::size_t kFirstInode = 0x54;
-constexpr std::size_t kInodeSize = 0x58;
-constexpr std::size_t kFeatureIncompat = 0x60;
-constexpr std::size_t kFeatureRoCompat = 0x64;
-constexpr std::size_t kReservedGdtBlocks = 0xCE;
-constexpr std::size_t kDescriptorSize = 0xFE;
-constexpr std::size_t kBlocksCountHigh = 0x150;
-constexpr std::size_t kReservedBlocksHigh = 0x154;
-constexpr std::size_t kLogGroupsPerFlex = 0x174;
-
-constexpr std::uint32_t kIncompat64Bit = 0x80;
-constexpr std::uint32_t kIncompatFlexBg = 0x200;
-constexpr std::uint32_t kRoCompatBigalloc = 0x200;
-constexpr std::uint32_t kMaxLogBlockSize = 6; // 64 KiB
-constexpr std::uint32_t kGoodOldFirstInode = 11;
-constexpr std::uint32_t kGoodOldInodeSize = 128;
+using namespace Ext::Layout;
 
 std::string wrong(const std::string& field, std::uint64_t value, const std::string& rule)
 {

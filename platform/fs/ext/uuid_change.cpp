@@ -1,4 +1,5 @@
 #include "platform/fs/ext/uuid_change.h"
+#include "platform/fs/ext/layout.h"
 
 #include "platform/core/bytes.h"
 #include "platform/core/error.h"
@@ -393,7 +394,8 @@ bool changeExtUuid(const Ref<Interfaces::Storage>& storage, std::span<const std:
     // The primary superblock last: tools trust it first, so it names the new UUID only once the
     // checksums that depend on it are on disk.
     const std::uint64_t sector = storage->elementSize();
-    if (!staging->commit(1024 / sector, (2048 + sector - 1) / sector)) {
+    constexpr std::uint64_t superblockEnd = Ext::Layout::kSuperblockOffset + Ext::Layout::kSuperblockSize;
+    if (!staging->commit(Ext::Layout::kSuperblockOffset / sector, (superblockEnd + sector - 1) / sector)) {
         return refuse(Error::Io, "writing the changed metadata failed");
     }
     return true;

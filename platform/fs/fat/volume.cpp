@@ -8,18 +8,13 @@ namespace Platform {
 
 Ref<ByteArray> FatVolume::volumeId() const
 {
-    if (boot_.serialOffset == 0)
-        return {};
-    const auto bytes = readBytes(*storage_, boot_.serialOffset, Fat::Layout::BootSector::kSerialLength);
-    return bytes.empty() ? Ref<ByteArray>() : ByteArray::create(bytes);
+    return boot_.serialOffset == 0 ? Ref<ByteArray>() : idAt(boot_.serialOffset);
 }
 
 bool FatVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
     if (boot_.serialOffset == 0)
         return fail(Error::NotSupported, "the boot sector has no volume serial field");
-    if (id.size() != Fat::Layout::BootSector::kSerialLength)
-        return fail(Error::Invalid, "a FAT volume serial is 4 bytes, not " + std::to_string(id.size()));
     return updateBootSector([&](ByteWriter& out) { out.bytes(boot_.serialOffset, id); });
 }
 

@@ -56,14 +56,11 @@ std::optional<NtfsVolume::Layout> NtfsVolume::detect(Interfaces::Storage& storag
 
 Ref<ByteArray> NtfsVolume::volumeId() const
 {
-    const auto bytes = readBytes(*storage_, kVolumeSerial, kSerialLength);
-    return bytes.empty() ? Ref<ByteArray>() : ByteArray::create(bytes);
+    return idAt(kVolumeSerial);
 }
 
 bool NtfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
-    if (id.size() != kSerialLength)
-        return fail(Error::Invalid, "an NTFS volume serial is 8 bytes, not " + std::to_string(id.size()));
     return updateBootSector([&](ByteWriter& out) { out.bytes(kVolumeSerial, id); });
 }
 

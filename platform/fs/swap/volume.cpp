@@ -1,4 +1,5 @@
 #include "platform/fs/swap/volume.h"
+#include "platform/fs/swap/layout.h"
 
 #include "platform/core/bytes.h"
 #include "platform/storage/byte_io.h"
@@ -10,17 +11,7 @@ namespace Platform {
 
 namespace {
 
-// The version-1 header, after 1024 bytes of boot-block space.
-constexpr std::uint64_t kVersion = 1024;  // u32, in the byte order of the machine that made it
-constexpr std::uint64_t kLastPage = 1028; // u32
-constexpr std::uint64_t kUuid = 1036;     // 16 bytes, printed in byte order
-constexpr std::size_t kUuidLength = 16;
-constexpr std::size_t kSignatureLength = 10;
-constexpr std::uint32_t kPageSizes[] = {4096, 8192, 16384, 32768, 65536};
-
-constexpr std::string_view kSwapSignature = "SWAPSPACE2";
-// The kernel's and user-space suspend tools' signatures over a swap area that holds an image.
-constexpr std::string_view kHibernationSignatures[] = {"S1SUSPEND", "S2SUSPEND", "ULSUSPEND", "LINHIB0001"};
+using namespace Swap::Layout;
 
 bool startsWith(std::span<const std::uint8_t> bytes, std::string_view text)
 {
@@ -72,14 +63,11 @@ std::optional<SwapVolume::Layout> SwapVolume::detect(Interfaces::Storage& storag
 
 Ref<ByteArray> SwapVolume::volumeId() const
 {
-    const auto uuid = readBytes(*storage_, kUuid, kUuidLength);
-    return uuid.empty() ? Ref<ByteArray>() : ByteArray::create(uuid);
+    return idAt(kUuid);
 }
 
 bool SwapVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
-    if (id.size() != kUuidLength)
-        return fail(Error::Invalid, "a swap UUID is 16 bytes, not " + std::to_string(id.size()));
     if (layout_.state == State::Hibernated)
         return fail(Error::DirtyLog, "the swap area holds a hibernation image; resume and shut that system down first");
     if (!writeBytes(*storage_, kUuid, id))

@@ -1,4 +1,5 @@
 #include "platform/fs/xfs/volume.h"
+#include "platform/fs/xfs/layout.h"
 
 #include "platform/core/bytes.h"
 #include "platform/core/crc32c.h"
@@ -10,37 +11,7 @@ namespace Platform {
 
 namespace {
 
-// Superblock fields, big-endian unless noted.
-constexpr std::uint32_t kMagic = 0x58465342; // "XFSB", at 0
-constexpr std::size_t kBlockSize = 4;        // u32
-constexpr std::size_t kDataBlocks = 8;       // u64
-constexpr std::size_t kUuid = 32;            // 16 bytes
-constexpr std::size_t kLogStart = 48;        // u64
-constexpr std::size_t kAgBlocks = 84;        // u32
-constexpr std::size_t kAgCount = 88;         // u32
-constexpr std::size_t kLogBlocks = 96;       // u32
-constexpr std::size_t kVersion = 100;        // u16
-constexpr std::size_t kSectorSize = 102;     // u16
-constexpr std::size_t kAgBlockLog = 124;     // u8
-constexpr std::size_t kIncompat = 216;       // u32
-constexpr std::size_t kCrc = 224;            // u32, little-endian
-constexpr std::size_t kMetaUuid = 248;       // 16 bytes
-constexpr std::uint16_t kVersionMask = 0x000F;
-constexpr std::uint16_t kVersionLogV2 = 0x0400;
-constexpr std::uint32_t kIncompatMetaUuid = 0x4;
-
-// Log records: a header sector, then data sectors whose first word carries the cycle.
-constexpr std::size_t kBasicBlock = 512;
-constexpr std::uint32_t kRecordMagic = 0xFEEDBABE;
-constexpr std::size_t kRecCycle = 4, kRecVersion = 8, kRecLength = 12, kRecLsn = 16, kRecTailLsn = 24;
-constexpr std::size_t kRecPrevBlock = 36, kRecOpCount = 40, kRecCycleData = 44, kRecFormat = 300;
-constexpr std::size_t kRecUuid = 304, kRecSize = 320;
-constexpr std::uint32_t kHeaderCycleSize = 32768; // data bytes covered by one header sector's cycle data
-constexpr std::uint32_t kUnmountTid = 0xB0C0D0D0;
-constexpr std::uint8_t kLogClient = 0xAA;
-constexpr std::uint8_t kUnmountFlag = 0x20;
-constexpr std::uint32_t kFormatLinuxLittleEndian = 1;
-constexpr std::size_t kMaxRecordSearch = 2048; // basic blocks searched back from the head
+using namespace Xfs::Layout;
 
 std::uint32_t superblockCrc(std::vector<std::uint8_t> sector)
 {
@@ -79,8 +50,7 @@ std::optional<XfsVolume::Geometry> XfsVolume::detect(Interfaces::Storage& storag
 
 Ref<ByteArray> XfsVolume::volumeId() const
 {
-    const auto uuid = readBytes(*storage_, kUuid, 16);
-    return uuid.empty() ? Ref<ByteArray>() : ByteArray::create(uuid);
+    return idAt(kUuid);
 }
 
 std::uint64_t XfsVolume::logOffset() const
@@ -220,8 +190,6 @@ bool XfsVolume::rewriteLog(std::span<const std::uint8_t> uuid, std::uint32_t cyc
 
 bool XfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
 {
-    if (id.size() != 16)
-        return fail(Error::Invalid, "an XFS UUID is 16 bytes, not " + std::to_string(id.size()));
     if (geometry_.logStart == 0)
         return fail(Error::NotSupported, "the log is on another device");
     std::vector<std::vector<std::uint8_t>> superblocks;

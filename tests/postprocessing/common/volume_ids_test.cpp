@@ -16,8 +16,6 @@ public:
     Ref<ByteArray> volumeId() const override { return ByteArray::create(id_); }
     bool writeVolumeId(std::span<const u8> id) override
     {
-        if (id.size() != id_.size())
-            return fail(Platform::Error::Invalid, "wrong size");
         id_.assign(id.begin(), id.end());
         return true;
     }
@@ -64,13 +62,15 @@ TEST_F(VolumeIds, ExpectedIdThatDiffersFailsWithoutChanging)
     EXPECT_EQ(lines[3], "FS id:0101010101010101");
 }
 
-TEST_F(VolumeIds, WrongSizedTargetOnlyWarnsAndTheFileSystemDecides)
+TEST_F(VolumeIds, WrongSizedTargetOnlyWarnsAndTheFileSystemRefusesIt)
 {
     auto fs = makeRef<FakeFileSystem>(Platform::FsNtfs, std::vector<u8>(8, 1));
     const u64 entry = idEntry({}, {9, 9, 9, 9});
     EXPECT_EQ(changeVolumeId(keeper, fs, partition, entry), StepResult::Failed);
     EXPECT_TRUE(log.sink().contains("PP Common", 4, "Size of new NTFS id incorrect"));
-    EXPECT_TRUE(log.sink().contains("PP Common", 4, "Could not change volume id for NTFS: wrong size"));
+    EXPECT_TRUE(log.sink().contains("PP Common", 4,
+                                    "Could not change volume id for NTFS: the NTFS volume serial is 8 bytes, not 4"));
+    EXPECT_EQ(fs->id_, std::vector<u8>(8, 1));
 }
 
 TEST_F(VolumeIds, TypesWithoutAVolumeIdAreNothingFound)
