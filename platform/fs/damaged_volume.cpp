@@ -16,26 +16,27 @@ struct Signature {
     std::uint64_t offset;
     const char* text;
     std::uint32_t type;
-    const char* reason;
+    const char* record; // what holds the damage
+    const char* remedy;
 };
 
 // Strong signatures only: text a partition holds because a family's tool wrote it there.
 constexpr Signature kSignatures[] = {
-    {3, "NTFS    ", FsNtfs, "the NTFS boot sector holds impossible values; run chkdsk or ntfsfix first"},
-    {3, "EXFAT   ", FsExfat, "the exFAT boot region is damaged or fails its checksum; run fsck.exfat first"},
-    {0x52, "FAT32   ", FsFat32, "the FAT32 boot sector holds impossible values; run fsck.fat first"},
-    {0x36, "FAT16   ", FsFat16, "the FAT16 boot sector holds impossible values; run fsck.fat first"},
-    {0x36, "FAT12   ", FsFat12, "the FAT12 boot sector holds impossible values; run fsck.fat first"},
-    {0, "XFSB", FsXfs, "the XFS superblock is damaged or fails its checksum; run xfs_repair first"},
-    {0x10040, "_BHRfS_M", FsBtrfs,
-     "the Btrfs superblock is damaged, spans several devices or uses a checksum other than crc32c; it is left "
-     "alone (run btrfs check if it should be none of these)"},
-    {kExtMagic, "\x53\xEF", FsExt4, "the ext superblock holds impossible values; run e2fsck -f first"},
+    {3, "NTFS    ", FsNtfs, "the NTFS boot sector", "run chkdsk or ntfsfix first"},
+    {3, "EXFAT   ", FsExfat, "the exFAT boot region", "run fsck.exfat first"},
+    {0x52, "FAT32   ", FsFat32, "the FAT32 boot sector", "run fsck.fat first"},
+    {0x36, "FAT16   ", FsFat16, "the FAT16 boot sector", "run fsck.fat first"},
+    {0x36, "FAT12   ", FsFat12, "the FAT12 boot sector", "run fsck.fat first"},
+    {0, "XFSB", FsXfs, "the XFS superblock", "run xfs_repair first"},
+    {0x10040, "_BHRfS_M", FsBtrfs, "the Btrfs superblock",
+     "it is left alone (run btrfs check if the file system should be usable)"},
+    {kExtMagic, "\x53\xEF", FsExt4, "the ext superblock", "run e2fsck -f first"},
 };
 
 } // namespace
 
-std::optional<DamagedVolume::Damage> DamagedVolume::detect(Interfaces::Storage& storage)
+std::optional<DamagedVolume::Damage> DamagedVolume::detect(Interfaces::Storage& storage,
+                                                           const std::function<std::string(std::uint32_t)>& whatIsWrong)
 {
     // An external ext journal carries the ext magic but is no file system of its own.
     const auto incompat = readBytes(storage, kExtIncompat, 1);
@@ -46,8 +47,12 @@ std::optional<DamagedVolume::Damage> DamagedVolume::detect(Interfaces::Storage& 
     for (const auto& signature : kSignatures) {
         const std::size_t length = std::strlen(signature.text);
         const auto bytes = readBytes(storage, signature.offset, length);
-        if (bytes.size() == length && std::memcmp(bytes.data(), signature.text, length) == 0)
-            return Damage{signature.type, signature.reason};
+        if (bytes.size() == length && std::memcmp(bytes.data(), signature.text, length) == 0) {
+            const std::string what = whatIsWrong(signature.type);
+            return Damage{signature.type, std::string(signature.record) +
+                                              (what.empty() ? " holds impossible values" : " is damaged: " + what) +
+                                              "; " + signature.remedy};
+        }
     }
     return std::nullopt;
 }

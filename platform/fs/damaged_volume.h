@@ -6,6 +6,7 @@
 
 #include "platform/fs/filesys_base.h"
 
+#include <functional>
 #include <optional>
 
 namespace Platform {
@@ -16,9 +17,10 @@ public:
         std::uint32_t type;
         std::string reason;
     };
-    // The family whose signature the storage carries, with why it is refused; nothing when it
-    // carries none.
-    static std::optional<Damage> detect(Interfaces::Storage& storage);
+    // The family whose signature the storage carries, with why it is refused (whatIsWrong: the
+    // family detector's own words, or empty); nothing when it carries none.
+    static std::optional<Damage> detect(Interfaces::Storage& storage,
+                                        const std::function<std::string(std::uint32_t type)>& whatIsWrong);
 
     DamagedVolume(Ref<Interfaces::Storage> storage, std::uint32_t type, std::string reason)
         : FileSysBase(std::move(storage)), type_(type), reason_(std::move(reason))

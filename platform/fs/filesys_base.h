@@ -10,10 +10,19 @@
 #include "platform/storage/undo_storage.h"
 
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 
 namespace Platform {
+
+// What a detector answers for a structure that carries its family's signature but cannot be
+// right: nothing, with Error Corrupt and what is wrong.
+inline std::nullopt_t damaged(std::string what)
+{
+    Error::set(Error::Corrupt, std::move(what));
+    return std::nullopt;
+}
 
 class FileSysBase : public Object {
 public:

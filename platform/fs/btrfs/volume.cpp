@@ -19,11 +19,28 @@ std::uint32_t checksumOf(const std::vector<std::uint8_t>& block)
     return crc32c(std::span(block).subspan(kChecksummed));
 }
 
-bool validCopy(const std::vector<std::uint8_t>& block, std::uint64_t offset)
+// Why a superblock copy that carries the magic cannot be used; empty when it can.
+std::string copyProblem(const std::vector<std::uint8_t>& block, std::uint64_t offset)
 {
     ByteView view(block);
-    return block.size() == kSuperblockSize && std::memcmp(block.data() + kMagic, kMagicText, 8) == 0 &&
-           view.u64(kBytenr) == offset && view.u16(kCsumType) == 0 && view.u32(kChecksum) == checksumOf(block);
+    if (view.u64(kBytenr) != offset)
+        return "the superblock at byte " + std::to_string(offset) + " says it lies at byte " +
+               std::to_string(view.u64(kBytenr));
+    if (view.u16(kCsumType) != 0)
+        return "the superblock is checksummed with something other than crc32c";
+    if (view.u32(kChecksum) != checksumOf(block))
+        return "the superblock at byte " + std::to_string(offset) + " fails its checksum";
+    return {};
+}
+
+bool hasMagic(const std::vector<std::uint8_t>& block)
+{
+    return block.size() == kSuperblockSize && std::memcmp(block.data() + kMagic, kMagicText, 8) == 0;
+}
+
+bool validCopy(const std::vector<std::uint8_t>& block, std::uint64_t offset)
+{
+    return hasMagic(block) && copyProblem(block, offset).empty();
 }
 
 } // namespace
@@ -32,11 +49,15 @@ std::optional<std::vector<std::uint64_t>> BtrfsVolume::detect(Interfaces::Storag
 {
     const std::uint64_t size = storage.elementCount() * storage.elementSize();
     const auto primary = readBytes(storage, kCopies[0], kSuperblockSize);
-    if (!validCopy(primary, kCopies[0]))
+    if (!hasMagic(primary))
         return std::nullopt;
+    if (const std::string problem = copyProblem(primary, kCopies[0]); !problem.empty())
+        return damaged(problem);
     ByteView view(primary);
-    if (view.u64(kNumDevices) != 1 || view.u64(kTotalBytes) > size)
-        return std::nullopt;
+    if (view.u64(kNumDevices) != 1)
+        return damaged("the file system spans " + std::to_string(view.u64(kNumDevices)) + " devices");
+    if (view.u64(kTotalBytes) > size)
+        return damaged("the file system is larger than its partition");
     std::vector<std::uint64_t> copies{kCopies[0]};
     for (std::uint64_t offset : {kCopies[1], kCopies[2]})
         if (offset + kSuperblockSize <= size && validCopy(readBytes(storage, offset, kSuperblockSize), offset))

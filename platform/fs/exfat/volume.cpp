@@ -33,18 +33,21 @@ std::optional<std::uint32_t> ExfatVolume::detect(Interfaces::Storage& storage)
         return std::nullopt;
     ByteView boot(first);
     const std::uint32_t shift = boot.u8(kBytesPerSectorShift);
-    if (shift < 9 || shift > 12 || boot.u16(kBootSignature) != 0xAA55)
-        return std::nullopt;
+    if (shift < 9 || shift > 12)
+        return damaged("the sector size exponent " + std::to_string(shift) + " is not 9 to 12");
+    if (boot.u16(kBootSignature) != 0xAA55)
+        return damaged("the boot signature 55 AA is missing");
     for (std::size_t i = 0; i < kMustBeZeroLength; ++i)
         if (first[kMustBeZero + i] != 0)
-            return std::nullopt;
+            return damaged("byte " + std::to_string(kMustBeZero + i) + ", which must be zero, is not");
     const std::uint32_t bytesPerSector = 1u << shift;
     if (!fitsInStorage(storage, boot.u64(kVolumeLength), bytesPerSector))
-        return std::nullopt;
+        return damaged("the volume is larger than its partition");
     const auto region = readBytes(storage, 0, std::size_t(kRegionSectors) * bytesPerSector);
-    if (region.empty() ||
-        ByteView(region).u32(std::size_t(kChecksumSector) * bytesPerSector) != bootChecksum(region, bytesPerSector))
+    if (region.empty())
         return std::nullopt;
+    if (ByteView(region).u32(std::size_t(kChecksumSector) * bytesPerSector) != bootChecksum(region, bytesPerSector))
+        return damaged("the boot region fails its checksum");
     return bytesPerSector;
 }
 

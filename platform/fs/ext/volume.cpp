@@ -20,11 +20,13 @@ std::optional<std::uint32_t> ExtVolume::detect(Interfaces::Storage& storage)
         return std::nullopt;
     ByteView view(super);
     const std::uint32_t logBlockSize = view.u32(kLogBlockSize);
-    if (view.u16(kMagic) != kExtMagic || logBlockSize > 6)
+    if (view.u16(kMagic) != kExtMagic)
         return std::nullopt;
+    if (logBlockSize > kMaxLogBlockSize)
+        return damaged("the block size exponent " + std::to_string(logBlockSize) + " is above 6 (64 KiB blocks)");
     const std::uint64_t blockSize = 1024ULL << logBlockSize;
     if (!fitsInStorage(storage, view.u32(kBlocksCountLow), blockSize))
-        return std::nullopt;
+        return damaged("the file system is larger than its partition");
     const std::uint32_t incompat = view.u32(kFeatureIncompat);
     if (incompat & kIncompatJournalDev)
         return std::nullopt;

@@ -43,13 +43,23 @@ std::optional<NtfsVolume::Layout> NtfsVolume::detect(Interfaces::Storage& storag
     const std::uint64_t perCluster = clusterSectors(boot.u8(kSectorsPerCluster));
     const std::uint64_t total = boot.u64(kTotalSectors);
     const std::uint64_t storageBytes = storage.elementCount() * storage.elementSize();
-    if (boot.u16(kBootSignature) != 0xAA55 || bytesPerSector < 256 || bytesPerSector > 4096 ||
-        (bytesPerSector & (bytesPerSector - 1)) != 0 || perCluster == 0 || (perCluster & (perCluster - 1)) != 0 ||
-        total == 0 || total > storageBytes / bytesPerSector || boot.u64(kMftCluster) >= total / perCluster ||
-        boot.u64(kMftMirrorCluster) >= total / perCluster ||
-        recordBytes(boot.u8(kClustersPerMftRecord), perCluster * bytesPerSector) == 0 ||
-        recordBytes(boot.u8(kClustersPerIndexRecord), perCluster * bytesPerSector) == 0)
-        return std::nullopt;
+    if (boot.u16(kBootSignature) != 0xAA55)
+        return damaged("the boot signature 55 AA is missing");
+    if (bytesPerSector < 256 || bytesPerSector > 4096 || (bytesPerSector & (bytesPerSector - 1)) != 0)
+        return damaged("the bytes per sector, " + std::to_string(bytesPerSector) +
+                       ", are not a power of two from 256 to 4096");
+    if (perCluster == 0 || (perCluster & (perCluster - 1)) != 0)
+        return damaged("the sectors per cluster are not a power of two");
+    if (total == 0 || total > storageBytes / bytesPerSector)
+        return damaged(total == 0 ? "the volume has no sectors" : "the volume is larger than its partition");
+    if (boot.u64(kMftCluster) >= total / perCluster)
+        return damaged("the MFT starts beyond the volume's end");
+    if (boot.u64(kMftMirrorCluster) >= total / perCluster)
+        return damaged("the MFT mirror starts beyond the volume's end");
+    if (recordBytes(boot.u8(kClustersPerMftRecord), perCluster * bytesPerSector) == 0)
+        return damaged("the MFT record size is impossible");
+    if (recordBytes(boot.u8(kClustersPerIndexRecord), perCluster * bytesPerSector) == 0)
+        return damaged("the index record size is impossible");
     const std::uint64_t backup = total * bytesPerSector;
     return Layout{bytesPerSector, backup + bytesPerSector <= storageBytes ? backup : 0};
 }

@@ -37,14 +37,24 @@ std::optional<XfsVolume::Geometry> XfsVolume::detect(Interfaces::Storage& storag
                view.be32(kAgCount),   view.u8(kAgBlockLog),   (view.be16(kVersion) & kVersionMask) == 5,
                view.be64(kLogStart),  view.be32(kLogBlocks),  (view.be16(kVersion) & kVersionLogV2) != 0};
     const auto powerOfTwo = [](std::uint32_t v) { return v != 0 && (v & (v - 1)) == 0; };
-    if (view.be32(0) != kMagic || !powerOfTwo(g.blockSize) || g.blockSize < 512 || g.blockSize > 65536 ||
-        !powerOfTwo(g.sectorSize) || g.sectorSize < 512 || g.sectorSize > 32768 || g.agBlocks == 0 || g.agCount == 0 ||
-        g.agBlockLog > 31 || (std::uint64_t(1) << g.agBlockLog) < g.agBlocks)
+    if (view.be32(0) != kMagic)
         return std::nullopt;
+    if (!powerOfTwo(g.blockSize) || g.blockSize < 512 || g.blockSize > 65536)
+        return damaged("the block size, " + std::to_string(g.blockSize) + ", is not a power of two from 512 to 65536");
+    if (!powerOfTwo(g.sectorSize) || g.sectorSize < 512 || g.sectorSize > 32768)
+        return damaged("the sector size, " + std::to_string(g.sectorSize) +
+                       ", is not a power of two from 512 to 32768");
+    if (g.agBlocks == 0 || g.agCount == 0)
+        return damaged("there are no allocation groups");
+    if (g.agBlockLog > 31 || (std::uint64_t(1) << g.agBlockLog) < g.agBlocks)
+        return damaged("the allocation group size does not fit its block-number width");
     if (!fitsInStorage(storage, view.be64(kDataBlocks), g.blockSize))
+        return damaged("the file system is larger than its partition");
+    const auto sector = readBytes(storage, 0, g.sectorSize);
+    if (sector.empty())
         return std::nullopt;
-    if (!validSuperblock(readBytes(storage, 0, g.sectorSize), g.crc))
-        return std::nullopt;
+    if (!validSuperblock(sector, g.crc))
+        return damaged("the superblock fails its checksum");
     return g;
 }
 
