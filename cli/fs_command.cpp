@@ -24,7 +24,7 @@ using namespace Platform;
 constexpr int kDone = 0;
 constexpr int kMissing = 1;
 constexpr int kUsage = 2;
-constexpr const char* kUsageText = "usage: postclone fs ls|cat|put|mkdir|rm TARGET PARTITION PATH [LOCAL_FILE]";
+constexpr const char* kUsageText = "usage: postclone fs ls|cat|sectors|put|mkdir|rm TARGET PARTITION PATH [LOCAL_FILE]";
 
 int failure(int code, const std::string& message)
 {
@@ -95,6 +95,20 @@ int cat(Filesys& fs, const std::string& path)
     return Error::get() == Error::None ? kDone : failure(kMissing, path + ": " + errorText());
 }
 
+// Where the file lies: one "start count" line per area, in partition sectors, in file order.
+int sectors(Filesys& fs, const std::string& path)
+{
+    const auto file = fs.openFile(path, OpenFlags::Read);
+    if (!file)
+        return failure(kMissing, path + ": " + errorText());
+    const auto areas = file->allocation();
+    if (!areas)
+        return failure(kMissing, path + ": " + errorText());
+    for (const Area& area : *areas)
+        std::printf("%llu %llu\n", (unsigned long long)area.start, (unsigned long long)area.count);
+    return kDone;
+}
+
 int put(Filesys& fs, const std::string& path, const std::string& local)
 {
     std::ifstream in(local, std::ios::binary);
@@ -121,7 +135,8 @@ int runFsCommand(int argc, char** argv)
         return failure(kUsage, kUsageText);
     const std::string verb = argv[2], target = argv[3], path = argv[5];
     const bool needsLocal = verb == "put";
-    const bool known = verb == "ls" || verb == "cat" || verb == "put" || verb == "mkdir" || verb == "rm";
+    const bool reads = verb == "ls" || verb == "cat" || verb == "sectors";
+    const bool known = reads || verb == "put" || verb == "mkdir" || verb == "rm";
     unsigned number = 0;
     try {
         number = unsigned(std::stoul(argv[4]));
@@ -133,7 +148,7 @@ int runFsCommand(int argc, char** argv)
 
     SysLogStream::install(std::make_shared<StderrLog>());
     SysLogFilter::setLevel(LogWarning);
-    const Access access = verb == "ls" || verb == "cat" ? Access::ReadOnly : Access::ReadWrite;
+    const Access access = reads ? Access::ReadOnly : Access::ReadWrite;
     std::string error;
     const auto fs = openPartition(target, number, access, error);
     if (!fs)
@@ -142,6 +157,8 @@ int runFsCommand(int argc, char** argv)
         return list(*fs, path);
     if (verb == "cat")
         return cat(*fs, path);
+    if (verb == "sectors")
+        return sectors(*fs, path);
     if (verb == "put")
         return put(*fs, path, argv[6]);
     const bool ok = verb == "mkdir" ? fs->createDirectory(path) : fs->removeFile(path);

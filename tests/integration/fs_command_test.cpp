@@ -7,6 +7,7 @@
 
 #include <fstream>
 #include <functional>
+#include <sstream>
 
 namespace {
 
@@ -77,6 +78,18 @@ protected:
         runTool({"dd", "if=" + image, "of=" + part, "bs=1M", "skip=1", "count=70", "status=none"});
         return part;
     }
+    // The bytes of the image at the partition sectors `postclone fs sectors` printed.
+    std::string atSectors(const std::string& listing, std::size_t size)
+    {
+        std::istringstream lines(listing);
+        std::string data;
+        for (std::uint64_t start = 0, count = 0; lines >> start >> count;) {
+            const auto bytes = TestSupport::readAt(image, kStart + start * 512, std::size_t(count * 512));
+            data.append(bytes.begin(), bytes.end());
+        }
+        return data.substr(0, std::min(size, data.size()));
+    }
+
     void expectClean(const Family& family)
     {
         if (family.name == "ext4") {
@@ -113,11 +126,20 @@ TEST_F(FsCommand, FilesGrowShrinkAndReadBackWithTheFamilysTools)
             EXPECT_EQ(readWithTools(family, "/etc/a_long_file_name.conf"), expected) << family.name << " " << size;
             EXPECT_EQ(fs({"cat", image, "1", "/etc/a_long_file_name.conf"}).out, expected);
         }
+        EXPECT_EQ(atSectors(fs({"sectors", image, "1", "/etc/a_long_file_name.conf"}).out, expected.size()), expected)
+            << family.name;
         for (int i = 0; i < 30; ++i) // enough names to need more directory space
             fs({"put", image, "1", "/etc/file_number_" + std::to_string(i), local("small", 10, expected)});
         EXPECT_NE(fs({"ls", image, "1", "/etc"}).out.find("a_long_file_name.conf\t70000"), std::string::npos);
         EXPECT_EQ(fs({"rm", image, "1", "/etc/file_number_3"}).exitCode, 0);
         EXPECT_EQ(fs({"cat", image, "1", "/etc/file_number_3"}).exitCode, 1);
+        const auto small = fs({"sectors", image, "1", "/etc/file_number_4"});
+        if (family.name == "ntfs") {
+            EXPECT_EQ(small.exitCode, 1);
+            EXPECT_NE(small.err.find("the file's data is kept inside its record"), std::string::npos) << small.err;
+        } else {
+            EXPECT_EQ(atSectors(small.out, 10), expected) << family.name;
+        }
         expectClean(family);
     }
 }

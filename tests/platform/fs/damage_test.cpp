@@ -58,25 +58,27 @@ void expectRefusals(std::vector<std::string> mkfs, std::uint64_t mib, const std:
 TEST(Damage, FatBootSectors)
 {
     const std::string fat16 = "the FAT16 boot sector is damaged: ", check = "; run fsck.fat first";
-    expectRefusals({"mkfs.fat", "-F", "16"}, 16,
-                   {
-                       {0x00, {0x00}, fat16 + "the boot sector does not start with a jump" + check},
-                       {0x1FE, {0x00, 0x00}, fat16 + "the boot signature 55 AA is missing" + check},
-                       {0x0B, {0x03, 0x00}, fat16 + "the bytes per sector, 3, are not 512, 1024, 2048 or 4096" + check},
-                       {0x0D, {0x03}, fat16 + "the sectors per cluster, 3, are not a power of two up to 128" + check},
-                       {0x0E, {0x00, 0x00}, fat16 + "there are no reserved sectors" + check},
-                       {0x10, {0x05}, fat16 + "the number of FATs, 5, is not 1 to 4" + check},
-                       {0x13, {0x00, 0x00}, fat16 + "the volume has no sectors" + check},
-                       {0x15, {0x11}, fat16 + "the media descriptor 17 is not 240 or 248 to 255" + check},
-                       {0x16, {0xFF, 0xFF}, fat16 + "the FATs and the root directory take the whole volume" + check},
-                       {0x13, {0xFF, 0xFF}, fat16 + "the volume is larger than its partition" + check},
-                       {0x11, {0x00, 0x00}, fat16 + "a volume of FAT12 or FAT16 size has no root directory entries" + check},
-                   });
+    expectRefusals(
+        {"mkfs.fat", "-F", "16"}, 16,
+        {
+            {0x00, {0x00}, fat16 + "the boot sector does not start with a jump" + check},
+            {0x1FE, {0x00, 0x00}, fat16 + "the boot signature 55 AA is missing" + check},
+            {0x0B, {0x03, 0x00}, fat16 + "the bytes per sector, 3, are not 512, 1024, 2048 or 4096" + check},
+            {0x0D, {0x03}, fat16 + "the sectors per cluster, 3, are not a power of two up to 128" + check},
+            {0x0E, {0x00, 0x00}, fat16 + "there are no reserved sectors" + check},
+            {0x10, {0x05}, fat16 + "the number of FATs, 5, is not 1 to 4" + check},
+            {0x13, {0x00, 0x00}, fat16 + "the volume has no sectors" + check},
+            {0x15, {0x11}, fat16 + "the media descriptor 17 is not 240 or 248 to 255" + check},
+            {0x16, {0xFF, 0xFF}, fat16 + "the FATs and the root directory take the whole volume" + check},
+            {0x13, {0xFF, 0xFF}, fat16 + "the volume is larger than its partition" + check},
+            {0x11, {0x00, 0x00}, fat16 + "a volume of FAT12 or FAT16 size has no root directory entries" + check},
+        });
     const std::string fat32 = "the FAT32 boot sector is damaged: ";
     expectRefusals({"mkfs.fat", "-F", "32", "-s", "1"}, 40,
                    {
                        {0x24, {0x00, 0x00, 0x00, 0x00}, fat32 + "the FAT has no sectors" + check},
-                       {0x11, {0x00, 0x02},
+                       {0x11,
+                        {0x00, 0x02},
                         fat32 + "a volume of FAT32 size has root directory entries or a 16-bit FAT size" + check},
                    });
 }
@@ -98,29 +100,30 @@ TEST(Damage, NtfsBootSector)
 {
     const std::string ntfs = "the NTFS boot sector is damaged: ", check = "; run chkdsk or ntfsfix first";
     const std::vector<std::uint8_t> huge{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00};
-    expectRefusals({"mkntfs", "-F", "-f", "-q"}, 8,
-                   {
-                       {0x1FE, {0x00, 0x00}, ntfs + "the boot signature 55 AA is missing" + check},
-                       {0x0B, {0x03, 0x00},
-                        ntfs + "the bytes per sector, 3, are not a power of two from 256 to 4096" + check},
-                       {0x0D, {0x03}, ntfs + "the sectors per cluster are not a power of two" + check},
-                       {0x28, std::vector<std::uint8_t>(8, 0), ntfs + "the volume has no sectors" + check},
-                       {0x28, huge, ntfs + "the volume is larger than its partition" + check},
-                       {0x30, huge, ntfs + "the MFT starts beyond the volume's end" + check},
-                       {0x38, huge, ntfs + "the MFT mirror starts beyond the volume's end" + check},
-                       {0x40, {0x7F}, ntfs + "the MFT record size is impossible" + check},
-                       {0x44, {0x7F}, ntfs + "the index record size is impossible" + check},
-                   });
+    expectRefusals(
+        {"mkntfs", "-F", "-f", "-q"}, 8,
+        {
+            {0x1FE, {0x00, 0x00}, ntfs + "the boot signature 55 AA is missing" + check},
+            {0x0B, {0x03, 0x00}, ntfs + "the bytes per sector, 3, are not a power of two from 256 to 4096" + check},
+            {0x0D, {0x03}, ntfs + "the sectors per cluster are not a power of two" + check},
+            {0x28, std::vector<std::uint8_t>(8, 0), ntfs + "the volume has no sectors" + check},
+            {0x28, huge, ntfs + "the volume is larger than its partition" + check},
+            {0x30, huge, ntfs + "the MFT starts beyond the volume's end" + check},
+            {0x38, huge, ntfs + "the MFT mirror starts beyond the volume's end" + check},
+            {0x40, {0x7F}, ntfs + "the MFT record size is impossible" + check},
+            {0x44, {0x7F}, ntfs + "the index record size is impossible" + check},
+        });
 }
 
 TEST(Damage, ExtSuperblock)
 {
     const std::string ext = "the ext superblock is damaged: ", check = "; run e2fsck -f first";
-    expectRefusals({"mkfs.ext4", "-q", "-F"}, 8,
-                   {
-                       {1024 + 0x18, {7, 0, 0, 0}, ext + "the block size exponent 7 is above 6 (64 KiB blocks)" + check},
-                       {1024 + 0x04, {0xFF, 0xFF, 0xFF, 0x0F}, ext + "the file system is larger than its partition" + check},
-                   });
+    expectRefusals(
+        {"mkfs.ext4", "-q", "-F"}, 8,
+        {
+            {1024 + 0x18, {7, 0, 0, 0}, ext + "the block size exponent 7 is above 6 (64 KiB blocks)" + check},
+            {1024 + 0x04, {0xFF, 0xFF, 0xFF, 0x0F}, ext + "the file system is larger than its partition" + check},
+        });
 }
 
 TEST(Damage, XfsSuperblock)
@@ -141,16 +144,22 @@ TEST(Damage, BtrfsSuperblock)
 {
     const std::string btrfs = "the Btrfs superblock is damaged: ",
                       check = "; it is left alone (run btrfs check if the file system should be usable)";
-    expectRefusals({"mkfs.btrfs", "-q", "-f"}, 200,
-                   {
-                       {kBtrfsSuper + 0x30, {0x00, 0x00, 0x02},
-                        btrfs + "the superblock at byte 65536 says it lies at byte 131072" + check},
-                       {kBtrfsSuper + 0xC4, {0x01}, btrfs + "the superblock is checksummed with something other than crc32c" + check},
-                       {kBtrfsSuper + 0x20, {0xAA}, btrfs + "the superblock at byte 65536 fails its checksum" + check},
-                       {kBtrfsSuper + 0x88, {0x02}, btrfs + "the file system spans 2 devices" + check, Reseal::BtrfsChecksum},
-                       {kBtrfsSuper + 0x70, {0, 0, 0, 0, 0, 0, 0, 0x01},
-                        btrfs + "the file system is larger than its partition" + check, Reseal::BtrfsChecksum},
-                   });
+    expectRefusals(
+        {"mkfs.btrfs", "-q", "-f"}, 200,
+        {
+            {kBtrfsSuper + 0x30,
+             {0x00, 0x00, 0x02},
+             btrfs + "the superblock at byte 65536 says it lies at byte 131072" + check},
+            {kBtrfsSuper + 0xC4,
+             {0x01},
+             btrfs + "the superblock is checksummed with something other than crc32c" + check},
+            {kBtrfsSuper + 0x20, {0xAA}, btrfs + "the superblock at byte 65536 fails its checksum" + check},
+            {kBtrfsSuper + 0x88, {0x02}, btrfs + "the file system spans 2 devices" + check, Reseal::BtrfsChecksum},
+            {kBtrfsSuper + 0x70,
+             {0, 0, 0, 0, 0, 0, 0, 0x01},
+             btrfs + "the file system is larger than its partition" + check,
+             Reseal::BtrfsChecksum},
+        });
 }
 
 } // namespace
