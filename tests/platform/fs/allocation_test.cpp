@@ -118,23 +118,16 @@ void mtoolsPut(const std::string& image, const std::string& from, const std::str
     file.write("\xFF\xFF\xFF\xFF", 4);
 }
 
+void mtoolsRemove(const std::string& image, const std::string& name)
+{
+    TestSupport::runTool({"mdel", "-i", image, "::" + name});
+}
+
 const std::vector<Family>& families()
 {
     static const std::vector<Family> all{
-        {"fat16",
-         {"mkfs.fat", "-F", "16"},
-         mtoolsPut,
-         [](const std::string& image, const std::string& name) {
-             TestSupport::runTool({"mdel", "-i", image, "::" + name});
-         },
-         nullptr},
-        {"fat32",
-         {"mkfs.fat", "-F", "32", "-s", "1"},
-         mtoolsPut,
-         [](const std::string& image, const std::string& name) {
-             TestSupport::runTool({"mdel", "-i", image, "::" + name});
-         },
-         nullptr},
+        {"fat16", {"mkfs.fat", "-F", "16"}, mtoolsPut, mtoolsRemove, nullptr},
+        {"fat32", {"mkfs.fat", "-F", "32", "-s", "1"}, mtoolsPut, mtoolsRemove, nullptr},
         {"ext4",
          {"mkfs.ext4", "-q", "-F", "-b", "1024"},
          [](const std::string& image, const std::string& from, const std::string& name) {
