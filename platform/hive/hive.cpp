@@ -1,0 +1,153 @@
+#include "platform/hive/hive.h"
+
+#include "platform/core/error.h"
+#include "platform/core/string_util.h"
+#include "platform/core/unicode.h"
+#include "platform/hive/layout.h"
+
+#include <algorithm>
+#include <cwctype>
+
+namespace Platform::Hive {
+
+namespace {
+
+std::u16string upper(const std::string& name)
+{
+    std::u16string units = utf16(name);
+    for (auto& unit : units)
+        if (unit < 0xD800 || unit >= 0xE000)
+            unit = char16_t(std::towupper(wint_t(unit)));
+    return units;
+}
+
+std::string quoted(const std::string& name)
+{
+    std::string text = "\"";
+    for (const char c : name) {
+        if (c == '\\' || c == '"')
+            text += '\\';
+        text += c;
+    }
+    return text + "\"";
+}
+
+void writeData(std::uint32_t type, const std::vector<std::uint8_t>& data, std::ostream& out)
+{
+    static const char digits[] = "0123456789abcdef";
+    if (type == 4 && data.size() == 4) {
+        const std::uint32_t dword = std::uint32_t(data[0] | data[1] << 8 | data[2] << 16 | std::uint32_t(data[3]) << 24);
+        std::string text = "dword:";
+        for (int shift = 28; shift >= 0; shift -= 4)
+            text += digits[(dword >> shift) & 0xF];
+        out << text << '\n';
+        return;
+    }
+    std::string text = "hex(";
+    std::string typeDigits;
+    for (std::uint32_t rest = type; typeDigits.empty() || rest; rest >>= 4)
+        typeDigits.insert(typeDigits.begin(), digits[rest & 0xF]);
+    text += typeDigits + "):";
+    for (std::size_t i = 0; i < data.size(); ++i) {
+        if (i)
+            text += ',';
+        text += digits[data[i] >> 4];
+        text += digits[data[i] & 0xF];
+    }
+    out << text << '\n';
+}
+
+} // namespace
+
+bool sameName(const std::string& a, const std::string& b)
+{
+    return upper(a) == upper(b);
+}
+
+std::optional<Hive> Hive::load(std::vector<std::uint8_t> file)
+{
+    const auto base = BaseBlock::parse(file);
+    if (!base)
+        return std::nullopt;
+    if (const std::string problem = base->problem(); !problem.empty()) {
+        Error::set(Error::Corrupt, problem);
+        return std::nullopt;
+    }
+    if (file.size() < Layout::BaseBlock::kSize + std::size_t(base->binsSize)) {
+        Error::set(Error::Corrupt, "the file ends before its hive bins do");
+        return std::nullopt;
+    }
+    std::vector<std::uint8_t> bins(file.begin() + Layout::BaseBlock::kSize,
+                                   file.begin() + std::ptrdiff_t(Layout::BaseBlock::kSize + base->binsSize));
+    auto cells = Cells::load(std::move(bins));
+    if (!cells)
+        return std::nullopt;
+    return Hive(*base, std::move(*cells));
+}
+
+std::optional<KeyRecord> Hive::find(const std::string& path) const
+{
+    auto key = root();
+    for (const auto& part : StringUtil::split(path, "\\")) {
+        if (!key || part.empty())
+            continue;
+        const auto subkeys = readSubkeys(cells_, *key);
+        if (!subkeys)
+            return std::nullopt;
+        std::optional<KeyRecord> found;
+        for (const std::uint32_t offset : *subkeys) {
+            auto child = readKey(cells_, offset);
+            if (!child)
+                return std::nullopt;
+            if (sameName(child->name, part)) {
+                found = std::move(child);
+                break;
+            }
+        }
+        if (!found) {
+            Error::set(Error::PathNotFound);
+            return std::nullopt;
+        }
+        key = std::move(found);
+    }
+    return key;
+}
+
+bool Hive::exportTree(const KeyRecord& key, const std::string& path, std::ostream& out) const
+{
+    out << '[' << (path.empty() ? "\\" : path) << "]\n";
+    const auto valueList = readValueList(cells_, key);
+    if (!valueList)
+        return false;
+    std::vector<std::pair<ValueRecord, std::vector<std::uint8_t>>> values;
+    for (const std::uint32_t offset : *valueList) {
+        auto value = readValue(cells_, offset);
+        auto data = value ? readData(cells_, *value, base_.minorVersion) : std::nullopt;
+        if (!data)
+            return false;
+        values.emplace_back(std::move(*value), std::move(*data));
+    }
+    std::sort(values.begin(), values.end(), [](const auto& a, const auto& b) { return a.first.name < b.first.name; });
+    for (const auto& [value, data] : values) {
+        out << (value.name.empty() ? "@" : quoted(value.name)) << '=';
+        writeData(value.type, data, out);
+    }
+    out << '\n';
+    const auto subkeys = readSubkeys(cells_, key);
+    if (!subkeys)
+        return false;
+    std::vector<KeyRecord> children;
+    for (const std::uint32_t offset : *subkeys) {
+        auto child = readKey(cells_, offset);
+        if (!child)
+            return false;
+        children.push_back(std::move(*child));
+    }
+    std::sort(children.begin(), children.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+    for (const auto& child : children)
+        if (!exportTree(child, path + "\\" + child.name, out))
+            return false;
+    return true;
+}
+
+} // namespace Platform::Hive
