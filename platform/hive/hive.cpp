@@ -36,7 +36,8 @@ void writeData(std::uint32_t type, const std::vector<std::uint8_t>& data, std::o
 {
     static const char digits[] = "0123456789abcdef";
     if (type == 4 && data.size() == 4) {
-        const std::uint32_t dword = std::uint32_t(data[0] | data[1] << 8 | data[2] << 16 | std::uint32_t(data[3]) << 24);
+        const std::uint32_t dword =
+            std::uint32_t(data[0] | data[1] << 8 | data[2] << 16 | std::uint32_t(data[3]) << 24);
         std::string text = "dword:";
         for (int shift = 28; shift >= 0; shift -= 4)
             text += digits[(dword >> shift) & 0xF];

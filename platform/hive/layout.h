@@ -12,13 +12,13 @@ inline constexpr std::size_t kPageSize = 4096;
 
 namespace BaseBlock {
 inline constexpr std::size_t kSize = 4096;
-inline constexpr char kSignature[] = "regf"; // at 0
+inline constexpr char kSignature[] = "regf";         // at 0
 inline constexpr std::size_t kPrimarySequence = 4;   // raised when a write starts
 inline constexpr std::size_t kSecondarySequence = 8; // raised when it ends; equal means clean
 inline constexpr std::size_t kTimestamp = 12;        // FILETIME
 inline constexpr std::size_t kMajorVersion = 20;
 inline constexpr std::size_t kMinorVersion = 24;
-inline constexpr std::size_t kFileType = 28; // 0 primary, 1 and 2 old-format log, 6 new-format log
+inline constexpr std::size_t kFileType = 28;   // 0 primary, 1 and 2 old-format log, 6 new-format log
 inline constexpr std::size_t kFileFormat = 32; // 1
 inline constexpr std::size_t kRootCell = 36;
 inline constexpr std::size_t kBinsSize = 40;

@@ -27,6 +27,18 @@ bool refuse(const std::string& what)
     return false;
 }
 
+// count cell offsets stride bytes apart from first, appended to out; false when they do not fit.
+bool offsetsIn(std::span<const std::uint8_t> data, std::size_t first, std::size_t count, std::size_t stride,
+               std::vector<std::uint32_t>& out, const std::string& what)
+{
+    if (first + count * stride > data.size())
+        return refuse(what + " does not fit its cell");
+    ByteView view(data);
+    for (std::size_t i = 0; i < count; ++i)
+        out.push_back(view.u32(first + i * stride));
+    return view.ok();
+}
+
 // A name as the record stores it: Latin-1 bytes when compressed, else UTF-16LE.
 std::string nameText(std::span<const std::uint8_t> bytes, bool compressed)
 {
@@ -52,12 +64,8 @@ bool readLeaf(const Cells& cells, std::uint32_t offset, std::vector<std::uint32_
     const bool plain = data->size() >= 2 && (*data)[0] == 'l' && (*data)[1] == 'i';
     if (!withHints && !plain)
         return refuse("a subkey list holds a list that is no li, lf or lh");
-    const std::size_t stride = withHints ? 8 : 4;
-    if (L::List::kElements + std::size_t(count) * stride > data->size())
-        return refuse("a subkey list of " + std::to_string(count) + " keys does not fit its cell");
-    for (std::size_t i = 0; i < count; ++i)
-        keys.push_back(view.u32(L::List::kElements + i * stride));
-    return view.ok();
+    return offsetsIn(*data, L::List::kElements, count, withHints ? 8 : 4, keys,
+                     "a subkey list of " + std::to_string(count) + " keys");
 }
 
 } // namespace
@@ -94,12 +102,11 @@ std::optional<std::vector<std::uint32_t>> readSubkeys(const Cells& cells, const 
     if (!list)
         return std::nullopt;
     if (list->size() >= 2 && (*list)[0] == 'r' && (*list)[1] == 'i') {
-        ByteView view(*list);
-        const std::uint16_t count = view.u16(L::List::kCount);
-        if (L::List::kElements + std::size_t(count) * 4 > list->size())
-            return damaged<std::vector<std::uint32_t>>("an ri list does not fit its cell");
-        for (std::size_t i = 0; i < count; ++i)
-            if (!readLeaf(cells, view.u32(L::List::kElements + i * 4), keys))
+        std::vector<std::uint32_t> leaves;
+        if (!offsetsIn(*list, L::List::kElements, ByteView(*list).u16(L::List::kCount), 4, leaves, "an ri list"))
+            return std::nullopt;
+        for (const std::uint32_t leaf : leaves)
+            if (!readLeaf(cells, leaf, keys))
                 return std::nullopt;
     } else if (!readLeaf(cells, key.subkeyList, keys)) {
         return std::nullopt;
@@ -119,11 +126,8 @@ std::optional<std::vector<std::uint32_t>> readValueList(const Cells& cells, cons
     const auto list = cells.cell(key.valueList);
     if (!list)
         return std::nullopt;
-    if (std::size_t(key.valueCount) * 4 > list->size())
-        return damaged<std::vector<std::uint32_t>>("the value list of \"" + key.name + "\" does not fit its cell");
-    ByteView view(*list);
-    for (std::size_t i = 0; i < key.valueCount; ++i)
-        values.push_back(view.u32(i * 4));
+    if (!offsetsIn(*list, 0, key.valueCount, 4, values, "the value list of \"" + key.name + "\""))
+        return std::nullopt;
     return values;
 }
 
@@ -152,7 +156,7 @@ std::optional<ValueRecord> readValue(const Cells& cells, std::uint32_t offset)
 }
 
 std::optional<std::vector<std::uint8_t>> readData(const Cells& cells, const ValueRecord& value,
-                                                   std::uint32_t minorVersion)
+                                                  std::uint32_t minorVersion)
 {
     using Bytes = std::vector<std::uint8_t>;
     if (value.inlineData) {

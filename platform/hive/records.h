@@ -39,6 +39,6 @@ std::optional<std::vector<std::uint32_t>> readValueList(const Cells& cells, cons
 std::optional<ValueRecord> readValue(const Cells& cells, std::uint32_t offset);
 // The value's data; big data (db) on hives of minor version 4 and up.
 std::optional<std::vector<std::uint8_t>> readData(const Cells& cells, const ValueRecord& value,
-                                                   std::uint32_t minorVersion);
+                                                  std::uint32_t minorVersion);
 
 } // namespace Platform::Hive
