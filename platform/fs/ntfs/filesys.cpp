@@ -172,18 +172,26 @@ struct NtfsFilesys::Mount {
     }
 };
 
+struct NtfsFilesys::OpenData {
+    ntfs_inode* inode;
+    ntfs_attr* data;
+    OpenData(ntfs_inode* openInode, ntfs_attr* openAttribute) : inode(openInode), data(openAttribute) {}
+    OpenData(const OpenData&) = delete;
+    OpenData& operator=(const OpenData&) = delete;
+    ~OpenData()
+    {
+        ntfs_attr_close(data);
+        ntfs_inode_close(inode);
+    }
+};
+
 namespace {
 
 class NtfsFile : public File {
 public:
-    NtfsFile(Ref<NtfsFilesys> owner, ntfs_inode* inode, ntfs_attr* data)
-        : owner_(std::move(owner)), inode_(inode), data_(data)
+    NtfsFile(Ref<NtfsFilesys> owner, std::shared_ptr<NtfsFilesys::OpenData> open)
+        : owner_(std::move(owner)), open_(std::move(open)), inode_(open_->inode), data_(open_->data)
     {
-    }
-    ~NtfsFile() override
-    {
-        ntfs_attr_close(data_);
-        ntfs_inode_close(inode_);
     }
 
     std::uint64_t size() override { return std::uint64_t(data_->data_size); }
@@ -255,6 +263,7 @@ public:
 
 private:
     Ref<NtfsFilesys> owner_;
+    std::shared_ptr<NtfsFilesys::OpenData> open_;
     ntfs_inode* inode_;
     ntfs_attr* data_;
     std::uint64_t position_ = 0;
@@ -333,25 +342,50 @@ Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, Access acce
     return makeRef<NtfsFilesys>(std::move(mount), access);
 }
 
-Ref<File> NtfsFilesys::openExisting(const std::string& path, Access)
+std::shared_ptr<NtfsFilesys::OpenData> NtfsFilesys::openData(const std::string& path)
 {
-    ntfs_inode* inode = ntfs_pathname_to_inode(mount_->volume, nullptr, path.c_str());
+    // The file's record number from its directory, so that a file open already is not opened
+    // again; looked up in the index itself (the name cache keeps misses after a create).
+    const auto [parentPath, name] = splitParent(path);
+    const UnicodeName unicode(name);
+    ntfs_inode* parent = ntfs_pathname_to_inode(mount_->volume, nullptr, parentPath.c_str());
+    const u64 reference =
+        parent && unicode.length > 0 ? ntfs_inode_lookup_by_name(parent, unicode.text, unicode.length) : u64(-1);
+    const int lookupError = errno;
+    if (parent)
+        ntfs_inode_close(parent);
+    if (reference == u64(-1)) {
+        errno = lookupError;
+        setError();
+        return nullptr;
+    }
+    if (auto open = openData_[MREF(reference)].lock())
+        return open;
+    ntfs_inode* inode = ntfs_inode_open(mount_->volume, MREF(reference));
     if (!inode) {
         setError();
-        return {};
+        return nullptr;
     }
     if (inode->mrec->flags & MFT_RECORD_IS_DIRECTORY) {
         ntfs_inode_close(inode);
         Error::set(Error::IsDirectory);
-        return {};
+        return nullptr;
     }
     ntfs_attr* data = ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0);
     if (!data) {
         setError();
         ntfs_inode_close(inode);
-        return {};
+        return nullptr;
     }
-    return makeRef<NtfsFile>(Ref<NtfsFilesys>(this), inode, data);
+    auto open = std::make_shared<OpenData>(inode, data);
+    openData_[MREF(reference)] = open;
+    return open;
+}
+
+Ref<File> NtfsFilesys::openExisting(const std::string& path, Access)
+{
+    auto open = openData(path);
+    return open ? makeRef<NtfsFile>(Ref<NtfsFilesys>(this), std::move(open)) : Ref<File>();
 }
 
 Ref<Directory> NtfsFilesys::openDirectory(const std::string& path)

@@ -5,6 +5,7 @@
 
 #include "platform/fs/facade_base.h"
 
+#include <map>
 #include <memory>
 
 namespace Platform {
@@ -12,6 +13,7 @@ namespace Platform {
 class NtfsFilesys : public FacadeBase {
 public:
     struct Mount;
+    struct OpenData;
 
     // Null when the storage holds no NTFS libntfs-3g can mount.
     static Ref<NtfsFilesys> open(Ref<Interfaces::Storage> storage, Access access, bool force = false);
@@ -28,6 +30,11 @@ private:
     bool removeExisting(const std::string& path) override;
     bool writeOut() override;
     bool create(const std::string& path, bool directory);
+    // The open inode and data of the file at path, shared by every File open on it: libntfs-3g
+    // loses an inode opened twice when both copies close.
+    std::shared_ptr<OpenData> openData(const std::string& path);
+
+    std::map<std::uint64_t, std::weak_ptr<OpenData>> openData_;
 
     std::unique_ptr<Mount> mount_;
 };
