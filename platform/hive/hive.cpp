@@ -12,6 +12,8 @@ namespace Platform::Hive {
 
 namespace {
 
+constexpr unsigned kMaxKeyDepth = 512; // the deepest key tree Windows creates
+
 std::u16string upper(const std::string& name)
 {
     std::u16string units = utf16(name);
@@ -116,6 +118,16 @@ std::optional<KeyRecord> Hive::find(const std::string& path) const
 
 bool Hive::exportTree(const KeyRecord& key, const std::string& path, std::ostream& out) const
 {
+    return exportTree(key, path, out, 0);
+}
+
+bool Hive::exportTree(const KeyRecord& key, const std::string& path, std::ostream& out, unsigned depth) const
+{
+    if (depth > kMaxKeyDepth) {
+        Error::set(Error::Corrupt, "the key tree is deeper than " + std::to_string(kMaxKeyDepth) + " levels at \"" +
+                                       key.name + "\": a subkey list leads back up");
+        return false;
+    }
     out << '[' << (path.empty() ? "\\" : path) << "]\n";
     const auto valueList = readValueList(cells_, key);
     if (!valueList)
@@ -146,7 +158,7 @@ bool Hive::exportTree(const KeyRecord& key, const std::string& path, std::ostrea
     }
     std::sort(children.begin(), children.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
     for (const auto& child : children)
-        if (!exportTree(child, path + "\\" + child.name, out))
+        if (!exportTree(child, path + "\\" + child.name, out, depth + 1))
             return false;
     return true;
 }

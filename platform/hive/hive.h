@@ -24,10 +24,13 @@ public:
     std::optional<KeyRecord> find(const std::string& path) const;
     // The key and everything below it as .reg text, "Windows Registry Editor Version 5.00" form:
     // keys in name order, values in name order, data as hex(type) except four-byte dwords.
-    // false (Error Corrupt) when a record below is damaged; what was written stays.
+    // false (Error Corrupt) when a record below is damaged or the tree is deeper than Windows
+    // allows (a subkey list that leads back up); what was written stays.
     bool exportTree(const KeyRecord& key, const std::string& path, std::ostream& out) const;
 
 private:
+    bool exportTree(const KeyRecord& key, const std::string& path, std::ostream& out, unsigned depth) const;
+
     Hive(BaseBlock base, Cells cells) : base_(base), cells_(std::move(cells)) {}
 
     BaseBlock base_;

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -96,6 +97,16 @@ TEST(Hive, DamagedHivesAreRefusedWithThePlaceNamed)
     version[24] = 9;
     EXPECT_FALSE(Hive::load(version));
     EXPECT_EQ(Error::text(), "the hive's version 1.9 is not 1.3 to 1.6");
+
+    // The root's first subkey made the root itself: a walk that followed it would never end.
+    auto looped = bytesOf(unpacked(dir, "BCD"));
+    const auto store = Hive::load(looped);
+    ASSERT_TRUE(store);
+    const std::size_t firstSubkey = 4096 + store->root()->subkeyList + 4 + 4; // cell size, "lf", count
+    const std::uint32_t root = store->base().rootCell;
+    std::memcpy(looped.data() + firstSubkey, &root, 4);
+    EXPECT_FALSE(ourExport(looped));
+    EXPECT_EQ(Error::text().rfind("the key tree is deeper than 512 levels", 0), 0u) << Error::text();
 
     const auto corrupted = bytesOf(unpacked(dir, "corrupted_system_hive"));
     if (!ourExport(corrupted)) {
