@@ -80,9 +80,10 @@ std::optional<Hive> Hive::load(std::vector<std::uint8_t> file)
         Error::set(Error::Corrupt, "the file ends before its hive bins do");
         return std::nullopt;
     }
-    std::vector<std::uint8_t> bins(file.begin() + Layout::BaseBlock::kSize,
-                                   file.begin() + std::ptrdiff_t(Layout::BaseBlock::kSize + base->binsSize));
-    auto cells = Cells::load(std::move(bins));
+    // The file's own buffer becomes the bins: a hive of many megabytes is not copied.
+    file.erase(file.begin(), file.begin() + Layout::BaseBlock::kSize);
+    file.resize(base->binsSize);
+    auto cells = Cells::load(std::move(file));
     if (!cells)
         return std::nullopt;
     return Hive(*base, std::move(*cells));
