@@ -10,45 +10,47 @@
 #include "platform/fs/xfs/volume.h"
 #include "platform/storage/read_once_storage.h"
 
+#include <map>
+
 namespace Platform {
 
 namespace {
 
-// What the family's own detector says is wrong with a structure that carries its signature.
-std::string whatIsWrong(std::uint32_t type, Interfaces::Storage& look)
+// What the detectors found wrong with structures that carry their family's signature, by family
+// (every FAT under FsFat32): a damaged volume is told in its own detector's words.
+using Findings = std::map<std::uint32_t, std::string>;
+
+// A detector's damage report taken into findings; it is no failure of the probe.
+void take(Findings& findings, std::uint32_t family)
 {
+    if (Error::get() != Error::Corrupt)
+        return;
+    findings[family] = Error::text();
     Error::set(Error::None);
-    if (isFat(type))
-        (void)FatVolume::detect(look);
-    else if (type == FsExfat)
-        (void)ExfatVolume::detect(look);
-    else if (type == FsNtfs)
-        (void)NtfsVolume::detect(look);
-    else if (type == FsXfs)
-        (void)XfsVolume::detect(look);
-    else if (type == FsBtrfs)
-        (void)BtrfsVolume::detect(look);
-    else
-        (void)ExtVolume::detect(look);
-    return Error::get() == Error::Corrupt ? Error::text() : std::string();
 }
 
 // The first family whose detector takes the storage.
-Ref<FileSysBase> firstFamily(const Ref<Interfaces::Storage>& storage, Interfaces::Storage& look)
+Ref<FileSysBase> firstFamily(const Ref<Interfaces::Storage>& storage, Interfaces::Storage& look, Findings& findings)
 {
     // exFAT and NTFS first: their boot sectors would not pass as FAT, but their names are exact.
     if (const auto bytesPerSector = ExfatVolume::detect(look))
         return makeRef<ExfatVolume>(storage, *bytesPerSector);
+    take(findings, FsExfat);
     if (const auto layout = NtfsVolume::detect(look))
         return makeRef<NtfsVolume>(storage, *layout);
+    take(findings, FsNtfs);
     if (const auto boot = FatVolume::detect(look))
         return makeRef<FatVolume>(storage, *boot);
+    take(findings, FsFat32);
     if (const auto type = ExtVolume::detect(look))
         return makeRef<ExtVolume>(storage, *type);
+    take(findings, FsExt4);
     if (auto copies = BtrfsVolume::detect(look))
         return makeRef<BtrfsVolume>(storage, std::move(*copies));
+    take(findings, FsBtrfs);
     if (const auto geometry = XfsVolume::detect(look))
         return makeRef<XfsVolume>(storage, *geometry);
+    take(findings, FsXfs);
     // Last: a swap signature lies in the first page, where a file system made later may have
     // left it standing.
     if (const auto layout = SwapVolume::detect(look))
@@ -64,15 +66,14 @@ Ref<FileSysBase> MountHelper::open(Ref<Interfaces::Storage> storage)
         return {};
     // The detectors all look at the first sectors: each is read once for all of them.
     const Ref<ReadOnceStorage> look = makeRef<ReadOnceStorage>(storage);
-    Ref<FileSysBase> fs = firstFamily(storage, *look);
-    if (!fs)
-        if (const auto damage =
-                DamagedVolume::detect(*look, [&](std::uint32_t type) { return whatIsWrong(type, *look); }))
-            fs = makeRef<DamagedVolume>(std::move(storage), damage->type, damage->reason);
-    // What the detectors said of structures that were not theirs is no failure of this call.
-    if (Error::get() == Error::Corrupt)
-        Error::set(Error::None);
-    return fs;
+    Findings findings;
+    if (Ref<FileSysBase> fs = firstFamily(storage, *look, findings))
+        return fs;
+    const auto damage = DamagedVolume::detect(*look, [&](std::uint32_t type) {
+        const auto found = findings.find(isFat(type) ? FsFat32 : type);
+        return found == findings.end() ? std::string() : found->second;
+    });
+    return damage ? makeRef<DamagedVolume>(std::move(storage), damage->type, damage->reason) : Ref<FileSysBase>();
 }
 
 std::uint32_t MountHelper::probe(const Ref<Interfaces::Storage>& storage)
