@@ -23,7 +23,7 @@ std::uint32_t BaseBlock::checksumOf(std::span<const std::uint8_t> block)
 
 std::optional<BaseBlock> BaseBlock::parse(std::span<const std::uint8_t> block)
 {
-    if (block.size() < L::kSize || std::memcmp(block.data(), L::kSignature, 4) != 0) {
+    if (block.size() < Layout::Log::kSector || std::memcmp(block.data(), L::kSignature, 4) != 0) {
         Error::set(Error::Corrupt, "no registry hive: the base block does not start with \"regf\"");
         return std::nullopt;
     }

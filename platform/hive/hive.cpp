@@ -1,27 +1,19 @@
 #include "platform/hive/hive.h"
 
+#include "platform/core/bytes.h"
 #include "platform/core/error.h"
 #include "platform/core/string_util.h"
 #include "platform/core/unicode.h"
 #include "platform/hive/layout.h"
+#include "platform/hive/names.h"
 
 #include <algorithm>
-#include <cwctype>
 
 namespace Platform::Hive {
 
 namespace {
 
 constexpr unsigned kMaxKeyDepth = 512; // the deepest key tree Windows creates
-
-std::u16string upper(const std::string& name)
-{
-    std::u16string units = utf16(name);
-    for (auto& unit : units)
-        if (unit < 0xD800 || unit >= 0xE000)
-            unit = char16_t(std::towupper(wint_t(unit)));
-    return units;
-}
 
 std::string quoted(const std::string& name)
 {
@@ -62,11 +54,6 @@ void writeData(std::uint32_t type, const std::vector<std::uint8_t>& data, std::o
 
 } // namespace
 
-bool sameName(const std::string& a, const std::string& b)
-{
-    return upper(a) == upper(b);
-}
-
 std::optional<Hive> Hive::load(std::vector<std::uint8_t> file)
 {
     const auto base = BaseBlock::parse(file);
@@ -81,12 +68,36 @@ std::optional<Hive> Hive::load(std::vector<std::uint8_t> file)
         return std::nullopt;
     }
     // The file's own buffer becomes the bins: a hive of many megabytes is not copied.
+    std::vector<std::uint8_t> baseBytes(file.begin(), file.begin() + Layout::BaseBlock::kSize);
     file.erase(file.begin(), file.begin() + Layout::BaseBlock::kSize);
     file.resize(base->binsSize);
     auto cells = Cells::load(std::move(file));
     if (!cells)
         return std::nullopt;
-    return Hive(*base, std::move(*cells));
+    return Hive(*base, std::move(baseBytes), std::move(*cells));
+}
+
+void Hive::settle(std::uint32_t sequence)
+{
+    baseBytes_ = baseBlockFor(sequence, sequence);
+    base_.primarySequence = base_.secondarySequence = sequence;
+    base_.binsSize = std::uint32_t(cells_.bytes().size());
+    base_.checksumRight = true;
+    cells_.forgetChanges();
+}
+
+std::vector<std::uint8_t> Hive::baseBlockFor(std::uint32_t primary, std::uint32_t secondary) const
+{
+    namespace B = Layout::BaseBlock;
+    std::vector<std::uint8_t> block = baseBytes_;
+    ByteWriter writer(block);
+    writer.u32(B::kPrimarySequence, primary);
+    writer.u32(B::kSecondarySequence, secondary);
+    writer.u32(B::kBinsSize, std::uint32_t(cells_.bytes().size()));
+    writer.u32(B::kFileType, 0);
+    writer.u32(B::kChecksum, BaseBlock::checksumOf(block));
+    (void)writer.ok(); // a base block is 4096 bytes
+    return block;
 }
 
 std::optional<KeyRecord> Hive::find(const std::string& path) const

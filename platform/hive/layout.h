@@ -96,4 +96,25 @@ inline constexpr std::size_t kSegmentList = 4;
 inline constexpr std::uint32_t kSegmentBytes = 16344;
 } // namespace BigData
 
+// Transaction logs beside a hive: a base block copy in the first sector, then either log entries
+// (the format since Windows 8.1) or a bitmap of the dirty 512-byte pages and those pages.
+namespace Log {
+inline constexpr std::size_t kSector = 512;
+inline constexpr std::uint32_t kTypeNew = 6;
+inline constexpr std::uint32_t kTypeOld = 1;
+inline constexpr std::uint32_t kTypeOldNt = 2;
+inline constexpr char kEntrySignature[] = "HvLE";
+inline constexpr std::size_t kEntrySize = 4;
+inline constexpr std::size_t kEntryFlags = 8;
+inline constexpr std::size_t kEntrySequence = 12;
+inline constexpr std::size_t kEntryBinsSize = 16;
+inline constexpr std::size_t kEntryPageCount = 20;
+inline constexpr std::size_t kEntryDataHash = 24;   // Marvin32 of the bytes from kEntryPageRefs on
+inline constexpr std::size_t kEntryHeaderHash = 32; // Marvin32 of the 32 bytes before it
+inline constexpr std::size_t kEntryPageRefs = 40;   // {offset in the bins, size} each
+inline constexpr std::uint64_t kHashSeed = 0xC5554E7A884DEF82;
+inline constexpr char kDirtySignature[] = "DIRT"; // at the second sector of an old-format log
+inline constexpr std::size_t kOldPage = 512;
+} // namespace Log
+
 } // namespace Platform::Hive::Layout
