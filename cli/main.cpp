@@ -3,6 +3,7 @@
 #include "cli/fs_command.h"
 #include "cli/options.h"
 #include "cli/plan.h"
+#include "cli/reg_command.h"
 #include "cli/report.h"
 #include "cli/terminal.h"
 #include "postprocessing/pp_handler.h"
@@ -28,6 +29,8 @@ int main(int argc, char** argv)
 {
     if (argc > 1 && std::string_view(argv[1]) == "fs")
         return Cli::runFsCommand(argc, argv);
+    if (argc > 1 && std::string_view(argv[1]) == "reg")
+        return Cli::runRegCommand(argc, argv);
     const auto parsed = Cli::parseCommandLine(argc, argv);
     if (!parsed.options)
         return parsed.error.empty() ? parsed.exitCode : usageError(parsed.error);

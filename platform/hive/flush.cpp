@@ -70,7 +70,8 @@ std::vector<std::uint8_t> logImage(const Hive& hive, const std::vector<std::uint
     base.u32(B::kChecksum, BaseBlock::checksumOf(block));
     const auto runs = runsOf(pages);
     const std::size_t header = L::kEntryPageRefs + 8 * runs.size();
-    const std::size_t entrySize = (header + pages.size() * Layout::kPageSize + L::kSector - 1) / L::kSector * L::kSector;
+    const std::size_t entrySize =
+        (header + pages.size() * Layout::kPageSize + L::kSector - 1) / L::kSector * L::kSector;
     std::vector<std::uint8_t> image(L::kSector + entrySize, 0);
     std::copy(block.begin(), block.end(), image.begin());
     const auto entry = std::span(image).subspan(L::kSector);

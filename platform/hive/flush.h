@@ -19,8 +19,8 @@
 namespace Platform::Hive {
 
 struct LogSlot {
-    std::string name;  // the file's name beside the primary
-    Ref<File> file;    // null while the log does not exist
+    std::string name;   // the file's name beside the primary
+    Ref<File> file;     // null while the log does not exist
     TransactionLog log; // what it held at open
     std::vector<std::uint8_t> bytes;
 };

@@ -692,7 +692,9 @@ Ref<HiveFile> openHive(const Ref<Filesys>& fs, const std::string& path, bool wri
                 if (entry.type != 1 && asciiUpper(entry.name) == asciiUpper(baseName + kSuffixes[i]))
                     logs.names[i] = entry.name;
     }
-    logs.open = [fs, folder, openFlags](const std::string& name) { return fs->openFile(folder + "/" + name, openFlags); };
+    logs.open = [fs, folder, openFlags](const std::string& name) {
+        return fs->openFile(folder + "/" + name, openFlags);
+    };
     if (readWrite)
         logs.create = [fs, folder](const std::string& name) {
             return fs->openFile(folder + "/" + name, OpenFlags::CreateOrTruncate);

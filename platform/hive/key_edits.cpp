@@ -24,8 +24,8 @@ constexpr std::size_t kLeafSplit = 512;
 
 std::uint64_t fileTimeNow()
 {
-    const auto since1970 = std::chrono::duration_cast<std::chrono::nanoseconds>(
-        std::chrono::system_clock::now().time_since_epoch());
+    const auto since1970 =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch());
     return std::uint64_t(since1970.count() / 100) + 116444736000000000ull;
 }
 
@@ -41,8 +41,8 @@ void putKeyName(std::span<std::uint8_t> nk, const StoredName& name)
     ByteWriter writer(nk);
     ByteView view(nk);
     const std::uint16_t flags = view.u16(K::kFlags);
-    writer.u16(K::kFlags, std::uint16_t(name.compressed ? flags | K::kFlagCompressedName
-                                                        : flags & ~K::kFlagCompressedName));
+    writer.u16(K::kFlags,
+               std::uint16_t(name.compressed ? flags | K::kFlagCompressedName : flags & ~K::kFlagCompressedName));
     writer.u16(K::kNameLength, std::uint16_t(name.bytes.size()));
     writer.bytes(K::kName, name.bytes);
     (void)view.ok();

@@ -109,11 +109,11 @@ inline constexpr std::size_t kEntryFlags = 8;
 inline constexpr std::size_t kEntrySequence = 12;
 inline constexpr std::size_t kEntryBinsSize = 16;
 inline constexpr std::size_t kEntryPageCount = 20;
-inline constexpr std::size_t kEntryDataHash = 24;   // Marvin32 of the bytes from kEntryPageRefs on
-inline constexpr std::size_t kEntryHeaderHash = 32; // Marvin32 of the 32 bytes before it
-inline constexpr std::size_t kEntryPageRefs = 40;   // {offset in the bins, size} each
-inline constexpr std::uint64_t kHashSeed = 0xC5554E7A884DEF82;
-inline constexpr char kDirtySignature[] = "DIRT"; // at the second sector of an old-format log
+inline constexpr std::size_t kEntryDataHash = 24;              // Marvin32 of the bytes from kEntryPageRefs on
+inline constexpr std::size_t kEntryHeaderHash = 32;            // Marvin32 of the 32 bytes before it
+inline constexpr std::size_t kEntryPageRefs = 40;              // {offset in the bins, size} each
+inline constexpr std::uint64_t kHashSeed = 0x82EF4D887A4E55C5; // low half 0x7A4E55C5 first
+inline constexpr char kDirtySignature[] = "DIRT";              // at the second sector of an old-format log
 inline constexpr std::size_t kOldPage = 512;
 } // namespace Log
 

@@ -28,8 +28,8 @@ std::uint64_t marvin32(std::span<const std::uint8_t> bytes, std::uint64_t seed)
     State state{std::uint32_t(seed), std::uint32_t(seed >> 32)};
     std::size_t at = 0;
     for (; bytes.size() - at >= 4; at += 4)
-        state.mix(std::uint32_t(bytes[at] | bytes[at + 1] << 8 | bytes[at + 2] << 16) |
-                  std::uint32_t(bytes[at + 3]) << 24);
+        state.mix(std::uint32_t(bytes[at] | bytes[at + 1] << 8 | bytes[at + 2] << 16) | std::uint32_t(bytes[at + 3])
+                                                                                            << 24);
     // The tail is closed by a 0x80 byte above the bytes that remain.
     std::uint32_t last = 0x80;
     for (std::size_t i = bytes.size(); i-- > at;)

@@ -19,8 +19,8 @@ void apply(const LogEntry& entry, std::vector<std::uint8_t>& file, Recovery& rec
         file.resize(B::kSize + std::size_t(entry.binsSize));
     for (const auto& page : entry.pages) {
         std::memcpy(file.data() + B::kSize + page.offset, page.bytes.data(), page.bytes.size());
-        for (std::size_t at = page.offset / Layout::kPageSize * Layout::kPageSize;
-             at < page.offset + page.bytes.size(); at += Layout::kPageSize)
+        for (std::size_t at = page.offset / Layout::kPageSize * Layout::kPageSize; at < page.offset + page.bytes.size();
+             at += Layout::kPageSize)
             recovery.pages.push_back(std::uint32_t(at));
     }
     recovery.replayed = true;
@@ -44,8 +44,8 @@ void replayNew(const std::optional<BaseBlock>& primary, std::vector<std::uint8_t
     const auto last = [&](int i) { return logs[std::size_t(i)].entries().back().sequence; };
     if (!primary) {
         // Only the log with the newest entries, and its base block for the primary's.
-        const int newest = *std::max_element(usable.begin(), usable.end(),
-                                             [&](int a, int b) { return last(a) < last(b); });
+        const int newest =
+            *std::max_element(usable.begin(), usable.end(), [&](int a, int b) { return last(a) < last(b); });
         const auto& log = logs[std::size_t(newest)];
         file.resize(std::max(file.size(), B::kSize));
         std::memcpy(file.data(), log.baseSector().data(), log.baseSector().size());

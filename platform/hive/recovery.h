@@ -9,8 +9,8 @@ namespace Platform::Hive {
 
 struct Recovery {
     bool replayed = false;
-    std::uint32_t sequence = 0; // of the last entry applied
-    int lastLog = -1;           // the log that held it
+    std::uint32_t sequence = 0;       // of the last entry applied
+    int lastLog = -1;                 // the log that held it
     std::vector<std::uint32_t> pages; // bins offsets of the 4 KiB pages written, ascending
 };
 

@@ -17,8 +17,7 @@ namespace {
 // One new-format entry at offset, checked whole; nothing where the run of entries ends.
 std::optional<LogEntry> entryAt(std::span<const std::uint8_t> bytes, std::size_t offset, std::uint32_t& sequence)
 {
-    if (bytes.size() - offset < L::kEntryPageRefs ||
-        std::memcmp(bytes.data() + offset, L::kEntrySignature, 4) != 0)
+    if (bytes.size() - offset < L::kEntryPageRefs || std::memcmp(bytes.data() + offset, L::kEntrySignature, 4) != 0)
         return std::nullopt;
     ByteView view(bytes.subspan(offset));
     const std::uint32_t size = view.u32(L::kEntrySize);
@@ -28,8 +27,7 @@ std::optional<LogEntry> entryAt(std::span<const std::uint8_t> bytes, std::size_t
     entry.binsSize = view.u32(L::kEntryBinsSize);
     const std::uint32_t count = view.u32(L::kEntryPageCount);
     if (!view.ok() || size < L::kEntryPageRefs || size % L::kSector != 0 || size > bytes.size() - offset ||
-        entry.binsSize == 0 || entry.binsSize % Layout::kPageSize != 0 ||
-        count > (size - L::kEntryPageRefs) / 8)
+        entry.binsSize == 0 || entry.binsSize % Layout::kPageSize != 0 || count > (size - L::kEntryPageRefs) / 8)
         return std::nullopt;
     const auto whole = bytes.subspan(offset, size);
     if (marvin32(whole.subspan(L::kEntryPageRefs), L::kHashSeed) != view.u64(L::kEntryDataHash) ||

@@ -130,8 +130,8 @@ std::optional<std::uint32_t> Hive::setValue(std::uint32_t key, const std::string
         const auto old = readValue(cells_, *offset);
         if (!old)
             return std::nullopt;
-        const auto oldCell = old->inlineData || old->dataSize == 0 || bigData(*old) ? std::nullopt
-                                                                                      : cells_.cell(old->dataField);
+        const auto oldCell =
+            old->inlineData || old->dataSize == 0 || bigData(*old) ? std::nullopt : cells_.cell(old->dataField);
         const bool fitsInPlace = oldCell && data.size() > 4 && data.size() <= oldCell->size() &&
                                  (base_.minorVersion <= 3 || data.size() <= D::kSegmentBytes);
         std::uint32_t field = old->dataField;
