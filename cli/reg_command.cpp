@@ -27,9 +27,8 @@ constexpr int kUsage = 2;
 constexpr const char* kUsageText =
     "usage: postclone reg export|get|set|recover HIVE|TARGET PARTITION PATH [KEY [NAME [TYPE [DATA...]]]]";
 
-const std::map<std::string, std::uint32_t> kTypes = {
-    {"none", 0}, {"sz", 1}, {"expand_sz", 2}, {"binary", 3}, {"dword", 4}, {"dword_be", 5}, {"multi_sz", 7},
-    {"qword", 11}};
+const std::map<std::string, std::uint32_t> kTypes = {{"none", 0},  {"sz", 1},       {"expand_sz", 2}, {"binary", 3},
+                                                     {"dword", 4}, {"dword_be", 5}, {"multi_sz", 7},  {"qword", 11}};
 
 int failure(int code, const std::string& message)
 {

@@ -6,12 +6,13 @@
 #include "platform/hive/hive.h"
 #include "platform/hive/hive_file.h"
 #include "tests/support/command.h"
+#include "tests/support/hive_tools.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <algorithm>
 #include <iterator>
 #include <map>
 #include <set>
@@ -24,8 +25,7 @@ const std::string kFixtures = std::string(SHARED_DIR) + "/fixtures/windows-hives
 
 void unpack(const TestSupport::TempDir& dir, const std::string& name, const std::string& as)
 {
-    const auto result =
-        TestSupport::run({"sh", "-c", "xz -dc '" + kFixtures + name + ".xz' > '" + dir.file(as) + "'"});
+    const auto result = TestSupport::run({"sh", "-c", "xz -dc '" + kFixtures + name + ".xz' > '" + dir.file(as) + "'"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
 }
 
@@ -42,27 +42,9 @@ std::string ourExport(HiveFile& hive)
     return out.str();
 }
 
-// hivexregedit prints Latin-1 names as raw bytes: read those as Latin-1, like our UTF-8 export.
 std::string hivexExport(const std::string& path)
 {
-    const std::string raw = TestSupport::runTool({"hivexregedit", "--export", path, "\\"});
-    std::string text;
-    for (std::size_t i = 0; i < raw.size();) {
-        const auto c = static_cast<unsigned char>(raw[i]);
-        std::size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
-        bool valid = length && i + length <= raw.size();
-        for (std::size_t k = 1; valid && k < length; ++k)
-            valid = (static_cast<unsigned char>(raw[i + k]) >> 6) == 2;
-        if (valid) {
-            text.append(raw, i, length);
-            i += length;
-        } else {
-            text += char(0xC0 | c >> 6);
-            text += char(0x80 | (c & 0x3F));
-            ++i;
-        }
-    }
-    return text.substr(std::string("Windows Registry Editor Version 5.00\n\n").size());
+    return TestSupport::hivexExport(path);
 }
 
 // Every key and value regfexport sees: "path|value|type|size" (root name left out, no size for
@@ -91,11 +73,18 @@ std::set<std::string> regfexportItems(const std::string& path)
     return items;
 }
 
-const std::map<std::uint32_t, std::string> kTypeNames = {
-    {0, "REG_NONE"},      {1, "REG_SZ"},        {2, "REG_EXPAND_SZ"},      {3, "REG_BINARY"},
-    {4, "REG_DWORD_LITTLE_ENDIAN"}, {5, "REG_DWORD_BIG_ENDIAN"}, {6, "REG_LINK"}, {7, "REG_MULTI_SZ"},
-    {8, "REG_RESOURCE_LIST"}, {9, "REG_FULL_RESOURCE_DESCRIPTOR"}, {10, "REG_RESOURCE_REQUIREMENTS_LIST"},
-    {11, "REG_QWORD_LITTLE_ENDIAN"}};
+const std::map<std::uint32_t, std::string> kTypeNames = {{0, "REG_NONE"},
+                                                         {1, "REG_SZ"},
+                                                         {2, "REG_EXPAND_SZ"},
+                                                         {3, "REG_BINARY"},
+                                                         {4, "REG_DWORD_LITTLE_ENDIAN"},
+                                                         {5, "REG_DWORD_BIG_ENDIAN"},
+                                                         {6, "REG_LINK"},
+                                                         {7, "REG_MULTI_SZ"},
+                                                         {8, "REG_RESOURCE_LIST"},
+                                                         {9, "REG_FULL_RESOURCE_DESCRIPTOR"},
+                                                         {10, "REG_RESOURCE_REQUIREMENTS_LIST"},
+                                                         {11, "REG_QWORD_LITTLE_ENDIAN"}};
 
 void collect(const Ref<KeyNode>& key, const std::string& path, std::set<std::string>& items)
 {
@@ -132,9 +121,10 @@ struct DirtyFixture {
 
 TEST(HiveFile, DirtyHivesAreRecoveredAsTheOtherReadersThenSeeThem)
 {
-    for (const DirtyFixture fixture : {DirtyFixture{"SYSTEM_B", "ControlSet001\\Control\\Class\\{4d36e967-e325-11ce-bfc1-08002be10318}\\0003"},
-                                       DirtyFixture{"NTUSER.DAT", "Software\\Microsoft\\Payment"},
-                                       DirtyFixture{"UsrClass.dat", "Local Settings\\Software\\Microsoft\\Windows\\Shell\\BagMRU\\10"}}) {
+    for (const DirtyFixture fixture :
+         {DirtyFixture{"SYSTEM_B", "ControlSet001\\Control\\Class\\{4d36e967-e325-11ce-bfc1-08002be10318}\\0003"},
+          DirtyFixture{"NTUSER.DAT", "Software\\Microsoft\\Payment"},
+          DirtyFixture{"UsrClass.dat", "Local Settings\\Software\\Microsoft\\Windows\\Shell\\BagMRU\\10"}}) {
         SCOPED_TRACE(fixture.name);
         TestSupport::TempDir dir;
         const std::string name = fixture.name;
@@ -172,8 +162,8 @@ TEST(HiveFile, DirtyHivesAreRecoveredAsTheOtherReadersThenSeeThem)
         std::set_difference(ours.begin(), ours.end(), theirs.begin(), theirs.end(), std::back_inserter(onlyOurs));
         std::set_difference(theirs.begin(), theirs.end(), ours.begin(), ours.end(), std::back_inserter(onlyTheirs));
         EXPECT_TRUE(onlyOurs.empty() && onlyTheirs.empty())
-            << "regfexport sees the same keys and values; first of ours only: "
-            << (onlyOurs.empty() ? "" : onlyOurs[0]) << "; first of theirs only: " << (onlyTheirs.empty() ? "" : onlyTheirs[0]);
+            << "regfexport sees the same keys and values; first of ours only: " << (onlyOurs.empty() ? "" : onlyOurs[0])
+            << "; first of theirs only: " << (onlyTheirs.empty() ? "" : onlyTheirs[0]);
     }
 }
 
@@ -225,7 +215,8 @@ public:
     std::uint64_t read(void* buffer, std::uint64_t length) override
     {
         const auto& data = bytes();
-        const std::uint64_t count = position_ >= data.size() ? 0 : std::min<std::uint64_t>(length, data.size() - position_);
+        const std::uint64_t count =
+            position_ >= data.size() ? 0 : std::min<std::uint64_t>(length, data.size() - position_);
         std::memcpy(buffer, data.data() + position_, count);
         position_ += count;
         return count;
