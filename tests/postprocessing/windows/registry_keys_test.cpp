@@ -66,7 +66,8 @@ std::string ourExport(HiveFile& hive, const std::string& key = "")
 void expectSecurityCountsRight(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    const auto hive = Platform::Hive::Hive::load({std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()});
+    const auto hive =
+        Platform::Hive::Hive::load({std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()});
     ASSERT_TRUE(hive);
     std::map<std::uint32_t, std::uint32_t> users;
     std::vector<std::uint32_t> pending{hive->base().rootCell};
@@ -121,7 +122,8 @@ TEST(RegistryKeys, AScriptOfEditsOnARealSystemHiveReadsTheSameInEveryReader)
         ASSERT_TRUE(test->removeKey(test->subkey("GONE")));
         const auto copy = test->createKey("Tcpip copy");
         ASSERT_TRUE(copyRegistryKey(root->find("ControlSet001/Services/Tcpip"), copy));
-        ASSERT_TRUE(deleteRegistryKey(root->find("ControlSet001/Services"), root->find("ControlSet001/Services/Tcpip")));
+        ASSERT_TRUE(
+            deleteRegistryKey(root->find("ControlSet001/Services"), root->find("ControlSet001/Services/Tcpip")));
         // Set again: a value that shrinks keeps its cell, one that grows past it moves.
         ASSERT_TRUE(root->find("Select")->value("Current")->setNumber(2));
         ASSERT_TRUE(test->value("String")->setString("a much longer string than the one before it"));
@@ -147,7 +149,8 @@ TEST(RegistryKeys, AScriptOfEditsOnARealSystemHiveReadsTheSameInEveryReader)
                              "\"Binary\"=hex(3):01,02,03,04,05,06\n"})
         EXPECT_NE(test.find(line), std::string::npos) << line;
     EXPECT_EQ(hive->root()->find("Postclone test")->value("Big")->data(), big);
-    EXPECT_EQ(hive->root()->find("Postclone test")->value("String")->getString(100), "a much longer string than the one before it");
+    EXPECT_EQ(hive->root()->find("Postclone test")->value("String")->getString(100),
+              "a much longer string than the one before it");
     EXPECT_EQ(hive->root()->find("Postclone test")->value("ключ")->getString(100), "UTF-16 name");
     EXPECT_TRUE(hive->root()->find("Postclone test/änderung MIT EINEM VIEL LÄNGEREN NAMEN"));
     EXPECT_FALSE(hive->root()->find("Postclone test/old"));
