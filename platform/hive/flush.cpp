@@ -98,12 +98,17 @@ std::vector<std::uint8_t> logImage(const Hive& hive, const std::vector<std::uint
 }
 
 // Step 1: the pages a replay produced reach the primary, then its base block turns clean.
-bool settleReplay(Hive& hive, HiveFiles& files, const Recovery& replay)
+bool settleReplay(File& primary, const PendingReplay& replay)
 {
-    if (!writePages(*files.primary, hive, replay.pages) || !sync(*files.primary))
+    if (primary.size() < replay.fileSize && primary.resize(replay.fileSize) != replay.fileSize) {
+        if (Error::get() == Error::None)
+            Error::set(Error::NoSpace, "the hive file could not grow");
         return false;
-    const auto block = hive.baseBlockFor(replay.sequence, replay.sequence);
-    return writeAt(*files.primary, 0, block) && sync(*files.primary);
+    }
+    for (const auto& [offset, bytes] : replay.pages)
+        if (!writeAt(primary, B::kSize + offset, bytes))
+            return false;
+    return sync(primary) && writeAt(primary, 0, replay.baseBlock) && sync(primary);
 }
 
 // A log whose entries a crash recovery could start from, with the primary at this sequence.
@@ -115,13 +120,25 @@ bool couldReplay(const LogSlot& slot, std::uint32_t sequence)
 
 } // namespace
 
-bool flush(Hive& hive, HiveFiles& files, std::optional<Recovery>& pendingReplay)
+PendingReplay PendingReplay::of(const Recovery& recovery, const std::vector<std::uint8_t>& file)
 {
-    if (pendingReplay && pendingReplay->replayed) {
-        if (!settleReplay(hive, files, *pendingReplay))
+    PendingReplay pending;
+    pending.sequence = recovery.sequence;
+    pending.baseBlock.assign(file.begin(), file.begin() + B::kSize);
+    pending.fileSize = file.size();
+    for (const std::uint32_t page : recovery.pages) {
+        const auto start = file.begin() + std::ptrdiff_t(B::kSize + page);
+        pending.pages.emplace_back(page, std::vector<std::uint8_t>(start, start + Layout::kPageSize));
+    }
+    return pending;
+}
+
+bool flush(Hive& hive, HiveFiles& files, std::optional<PendingReplay>& pendingReplay)
+{
+    if (pendingReplay) {
+        if (!settleReplay(*files.primary, *pendingReplay))
             return false;
-        hive.settle(pendingReplay->sequence);
-        // The primary holds what the logs replayed; their pages no longer count as changed.
+        hive.setSequence(pendingReplay->sequence);
         pendingReplay.reset();
     }
     const std::vector<std::uint32_t> pages(hive.cells().changedPages().begin(), hive.cells().changedPages().end());

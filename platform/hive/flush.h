@@ -25,6 +25,17 @@ struct LogSlot {
     std::vector<std::uint8_t> bytes;
 };
 
+// What a replay at open produced and the primary does not hold yet: the pages and the base block
+// as the logs left them, before any edit, so that they reach the primary without the edits.
+struct PendingReplay {
+    std::uint32_t sequence = 0;
+    std::vector<std::uint8_t> baseBlock;
+    std::vector<std::pair<std::uint32_t, std::vector<std::uint8_t>>> pages; // bins offset, 4 KiB
+    std::uint64_t fileSize = 0;
+
+    static PendingReplay of(const Recovery& recovery, const std::vector<std::uint8_t>& file);
+};
+
 struct HiveFiles {
     Ref<File> primary;
     std::array<LogSlot, 2> logs; // LOG1, LOG2
@@ -32,7 +43,7 @@ struct HiveFiles {
     std::function<Ref<File>(const std::string& name)> createLog;
 };
 
-// pendingReplay: what the open replayed and the primary does not hold yet (cleared once written).
-bool flush(Hive& hive, HiveFiles& files, std::optional<Recovery>& pendingReplay);
+// pendingReplay is cleared once the primary holds it.
+bool flush(Hive& hive, HiveFiles& files, std::optional<PendingReplay>& pendingReplay);
 
 } // namespace Platform::Hive

@@ -86,6 +86,12 @@ void Hive::settle(std::uint32_t sequence)
     cells_.forgetChanges();
 }
 
+void Hive::setSequence(std::uint32_t sequence)
+{
+    base_.primarySequence = base_.secondarySequence = sequence;
+    base_.checksumRight = true;
+}
+
 std::vector<std::uint8_t> Hive::baseBlockFor(std::uint32_t primary, std::uint32_t secondary) const
 {
     namespace B = Layout::BaseBlock;

@@ -55,6 +55,8 @@ public:
 
     // After a flush: the base block's new sequence numbers, and no page counts as changed.
     void settle(std::uint32_t sequence);
+    // The primary is clean at this sequence; changed pages stay changed.
+    void setSequence(std::uint32_t sequence);
     // The base block with the given sequence numbers and the present bins size, checksum right.
     std::vector<std::uint8_t> baseBlockFor(std::uint32_t primary, std::uint32_t secondary) const;
 

@@ -22,7 +22,7 @@ struct HiveState {
     std::optional<Hive> hive;
     HiveFiles files;
     std::vector<std::vector<std::uint8_t>> logBytes; // LOG, which only recovery reads
-    std::optional<Recovery> pendingReplay;
+    std::optional<PendingReplay> pendingReplay;
     bool writable = false;
     std::uint32_t lastError = 0;
     std::vector<KeyNodeImpl*> keys;
@@ -587,18 +587,16 @@ Ref<HiveFile> HiveFile::open(Ref<File> stream, std::uint32_t, std::uint32_t, con
     if (logs && logs->create)
         state->files.createLog = logs->create;
     state->writable = access == Access::ReadWrite;
-    std::vector<std::uint8_t> primary = *file;
-    auto replay = recover(primary, found);
+    // A failed replay leaves the bytes as they were: the primary is then read as it is, and
+    // nothing may be written over a hive that could not be finished.
+    auto replay = recover(*file, found);
     if (!replay) {
-        const std::string why = Error::text();
-        // Read what the primary holds; nothing may be written over a hive that could not be finished.
-        LogMessage(channel(), LogWarning) << "The hive is opened read-only: " << why;
+        LogMessage(channel(), LogWarning) << "The hive is opened read-only: " << Error::text();
         state->writable = false;
-        primary = std::move(*file);
     } else if (replay->replayed) {
-        state->pendingReplay = replay;
+        state->pendingReplay = PendingReplay::of(*replay, *file);
     }
-    state->hive = Hive::load(std::move(primary));
+    state->hive = Hive::load(std::move(*file));
     if (!state->hive)
         return nullptr;
     if (state->hive->base().binsSize != state->hive->cells().bytes().size())

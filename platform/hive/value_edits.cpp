@@ -78,7 +78,8 @@ std::optional<std::uint32_t> Hive::storeData(std::span<const std::uint8_t> data,
 {
     if (data.size() <= 4) {
         std::uint32_t field = 0;
-        std::memcpy(&field, data.data(), data.size()); // stored as the bytes lie, little-endian
+        if (!data.empty())
+            std::memcpy(&field, data.data(), data.size()); // stored as the bytes lie, little-endian
         sizeField = std::uint32_t(data.size()) | V::kInlineData;
         return field;
     }

@@ -89,7 +89,8 @@ TEST_F(RegCommand, SetsValuesOfHivesInsideNtfsAndFatPartitions)
         runTool({"dd", "if=" + part, "of=" + image, "bs=1M", "seek=1", "conv=notrunc", "status=none"});
         for (const char* folder : {"/Windows", "/Windows/System32", "/Windows/System32/config"})
             ASSERT_EQ(run({POSTCLONE_BINARY, "fs", "mkdir", image, "1", folder}).exitCode, 0);
-        ASSERT_EQ(run({POSTCLONE_BINARY, "fs", "put", image, "1", "/Windows/System32/config/SYSTEM", hive}).exitCode, 0);
+        ASSERT_EQ(run({POSTCLONE_BINARY, "fs", "put", image, "1", "/Windows/System32/config/SYSTEM", hive}).exitCode,
+                  0);
 
         const std::string path = "/Windows/System32/config/SYSTEM";
         const auto set = reg({"set", image, "1", path, "ControlSet001\\Control\\ComputerName\\ComputerName",

@@ -256,19 +256,20 @@ private:
     std::uint64_t position_ = 0;
 };
 
-Ref<HiveFile> openInMemory(Disk& disk)
+Ref<HiveFile> openInMemory(Disk& disk, const std::string& name)
 {
     LogAccess logs;
-    logs.baseName = "SYSTEM";
-    for (const char* name : {"SYSTEM.LOG1", "SYSTEM.LOG2", "SYSTEM.LOG"})
-        logs.names.push_back(disk.files.count(name) ? name : "");
-    logs.open = [&disk](const std::string& name) { return Ref<File>(new CrashFile(disk, name)); };
+    logs.baseName = name;
+    for (const std::string suffix : {".LOG1", ".LOG2", ".LOG"})
+        logs.names.push_back(disk.files.count(name + suffix) ? name + suffix : "");
+    logs.open = [&disk](const std::string& file) { return Ref<File>(new CrashFile(disk, file)); };
     logs.create = logs.open;
-    return HiveFile::open(Ref<File>(new CrashFile(disk, "SYSTEM")), 32, 0, &logs);
+    return HiveFile::open(Ref<File>(new CrashFile(disk, name)), 32, 0, &logs);
 }
 
-// Edits of every kind, on a tree under one new key and in a few existing ones.
-void edit(HiveFile& hive)
+// Edits of every kind: a new key with values, a rename that moves a record, a value set again in
+// an existing key and an existing tree deleted.
+void edit(HiveFile& hive, const std::string& deleted)
 {
     const auto root = hive.root();
     const auto scratch = root->createKey("Scratch");
@@ -276,63 +277,78 @@ void edit(HiveFile& hive)
     ASSERT_TRUE(scratch->createValue("Text", 1)->setString("a new value"));
     ASSERT_TRUE(scratch->createValue("Big", 3)->setData(3, std::vector<std::uint8_t>(70000, 0x5A)));
     ASSERT_TRUE(scratch->createKey("Child")->rename("Renamed child with a longer name"));
-    const auto select = root->subkey("Select");
-    ASSERT_TRUE(select->value("Current")->setNumber(2));
-    ASSERT_TRUE(root->find("ControlSet001\\Services")->removeKey(root->find("ControlSet001\\Services\\Tcpip")));
+    const auto first = root->subkeys()->next();
+    ASSERT_TRUE(first->createValue("Set again", 4)->setNumber(2));
+    const auto slash = deleted.rfind('\\');
+    ASSERT_TRUE(root->find(deleted.substr(0, slash))->removeKey(root->find(deleted)));
 }
+
+struct CrashCase {
+    const char* hive;
+    bool withLogs; // dirty: the open replays them, the flush first writes what they held
+    const char* deleted;
+};
 
 TEST(HiveFile, ACrashAtAnyWriteOfAFlushRecoversToTheOldOrTheNewTree)
 {
-    TestSupport::TempDir dir;
-    unpack(dir, "SYSTEM", "SYSTEM");
-    Disk disk;
-    disk.files["SYSTEM"] = bytesOf(dir.file("SYSTEM"));
-    std::string oldTree, newTree;
-    int writes = 0;
-    {
-        const auto hive = openInMemory(disk);
-        ASSERT_TRUE(hive);
-        oldTree = ourExport(*hive);
-        Disk counting = disk;
-        const auto copy = openInMemory(counting);
-        edit(*copy);
-        newTree = ourExport(*copy);
-        counting.writesLeft = 1 << 30;
-        ASSERT_TRUE(copy->flush()) << Error::text();
-        writes = (1 << 30) - counting.writesLeft;
-    }
-    ASSERT_NE(oldTree, newTree);
-    ASSERT_GT(writes, 3);
-    int sawOld = 0, sawNew = 0;
-    for (int k = 0; k <= writes; ++k) {
-        SCOPED_TRACE("the disk stops at write " + std::to_string(k));
-        Disk crashed = disk;
+    for (const CrashCase crash : {CrashCase{"SYSTEM", false, "ControlSet001\\Services\\Tcpip"},
+                                  CrashCase{"NTUSER.DAT", true, "Software\\Microsoft\\Payment"}}) {
+        SCOPED_TRACE(crash.hive);
+        TestSupport::TempDir dir;
+        Disk disk;
+        for (const std::string suffix : {"", ".LOG1", ".LOG2"}) {
+            if (!suffix.empty() && !crash.withLogs)
+                continue;
+            unpack(dir, crash.hive + suffix, crash.hive + suffix);
+            disk.files[crash.hive + suffix] = bytesOf(dir.file(crash.hive + suffix));
+        }
+        std::string oldTree, newTree;
+        int writes = 0;
         {
-            const auto hive = openInMemory(crashed);
+            const auto hive = openInMemory(disk, crash.hive);
             ASSERT_TRUE(hive);
-            edit(*hive);
-            crashed.writesLeft = k;
-            EXPECT_EQ(hive->flush(), k == writes);
+            oldTree = ourExport(*hive);
+            Disk counting = disk;
+            const auto copy = openInMemory(counting, crash.hive);
+            edit(*copy, crash.deleted);
+            newTree = ourExport(*copy);
+            ASSERT_TRUE(copy->flush()) << Error::text();
+            writes = (1 << 30) - counting.writesLeft;
         }
-        crashed.writesLeft = 1 << 30;
-        const auto reopened = openInMemory(crashed);
-        ASSERT_TRUE(reopened) << Error::text();
-        EXPECT_TRUE(reopened->writable()) << "the logs always finish what the primary lacks";
-        const std::string tree = ourExport(*reopened);
-        EXPECT_TRUE(tree == oldTree || tree == newTree) << "neither the old tree nor the new one";
-        sawOld += tree == oldTree;
-        sawNew += tree == newTree;
-        if (k == writes / 2) {
-            // What our engine recovers, another reader accepts once it is written back.
-            ASSERT_TRUE(reopened->flush());
-            std::ofstream(dir.file("recovered"), std::ios::binary)
-                .write(reinterpret_cast<const char*>(crashed.files["SYSTEM"].data()),
-                       std::streamsize(crashed.files["SYSTEM"].size()));
-            EXPECT_TRUE(hivexExport(dir.file("recovered")) == tree);
+        ASSERT_NE(oldTree, newTree);
+        ASSERT_GT(writes, 3);
+        int sawOld = 0, sawNew = 0;
+        for (int k = 0; k <= writes; ++k) {
+            SCOPED_TRACE("the disk stops at write " + std::to_string(k));
+            Disk crashed = disk;
+            {
+                const auto hive = openInMemory(crashed, crash.hive);
+                ASSERT_TRUE(hive);
+                edit(*hive, crash.deleted);
+                crashed.writesLeft = k;
+                EXPECT_EQ(hive->flush(), k == writes);
+            }
+            crashed.writesLeft = 1 << 30;
+            const auto reopened = openInMemory(crashed, crash.hive);
+            ASSERT_TRUE(reopened) << Error::text();
+            EXPECT_TRUE(reopened->writable()) << "the logs always finish what the primary lacks";
+            const std::string tree = ourExport(*reopened);
+            EXPECT_TRUE(tree == oldTree || tree == newTree) << "neither the old tree nor the new one";
+            sawOld += tree == oldTree;
+            sawNew += tree == newTree;
+            if (k == writes / 2) {
+                // What our engine recovers, another reader accepts once it is written back.
+                ASSERT_TRUE(reopened->flush());
+                const std::string path = dir.file("recovered");
+                std::ofstream(path, std::ios::binary)
+                    .write(reinterpret_cast<const char*>(crashed.files[crash.hive].data()),
+                           std::streamsize(crashed.files[crash.hive].size()));
+                EXPECT_TRUE(hivexExport(path) == tree);
+            }
         }
+        EXPECT_GT(sawOld, 0);
+        EXPECT_GT(sawNew, 0);
     }
-    EXPECT_GT(sawOld, 0);
-    EXPECT_GT(sawNew, 0);
 }
 
 } // namespace
