@@ -54,7 +54,8 @@ std::uint64_t bytesWrittenBy(const std::string& traceFile)
     std::uint64_t total = 0;
     for (std::string line; std::getline(in, line);) {
         const auto equals = line.rfind(" = ");
-        if (equals != std::string::npos && (line.find("write(") != std::string::npos || line.find("pwrite64(") != std::string::npos))
+        if (equals != std::string::npos &&
+            (line.find("write(") != std::string::npos || line.find("pwrite64(") != std::string::npos))
             total += std::strtoull(line.c_str() + equals + 3, nullptr, 10);
     }
     return total;
@@ -70,11 +71,13 @@ void BM_Hive_Set20Values_OursVsHivexsh(benchmark::State& state)
     std::uint64_t ourBytes = 0, theirBytes = 0;
     for (auto _ : state) {
         std::filesystem::create_directory(dir.file("ours"));
-        std::filesystem::copy_file(original, dir.file("ours/SYSTEM"), std::filesystem::copy_options::overwrite_existing);
+        std::filesystem::copy_file(original, dir.file("ours/SYSTEM"),
+                                   std::filesystem::copy_options::overwrite_existing);
         std::filesystem::copy_file(original, dir.file("theirs"), std::filesystem::copy_options::overwrite_existing);
         const auto start = Clock::now();
         {
-            const auto hive = Utils::openHive(Filesys::create(dir.file("ours"), 0, Access::ReadWrite), "/SYSTEM", true, 0, 32);
+            const auto hive =
+                Utils::openHive(Filesys::create(dir.file("ours"), 0, Access::ReadWrite), "/SYSTEM", true, 0, 32);
             edit(*hive);
             benchmark::DoNotOptimize(hive->flush());
         }
@@ -100,8 +103,9 @@ void BM_Hive_Set20Values_OursVsHivexsh(benchmark::State& state)
         counted->flush();
         ourBytes = primary->written() + log->written();
         std::filesystem::copy_file(original, dir.file("theirs"), std::filesystem::copy_options::overwrite_existing);
-        TestSupport::run({"sh", "-c", "strace -f -qq -e trace=write,pwrite64 -o '" + dir.file("trace") + "' hivexsh -w '" +
-                                          dir.file("theirs") + "' < '" + dir.file("script") + "' > /dev/null"});
+        TestSupport::run({"sh", "-c",
+                          "strace -f -qq -e trace=write,pwrite64 -o '" + dir.file("trace") + "' hivexsh -w '" +
+                              dir.file("theirs") + "' < '" + dir.file("script") + "' > /dev/null"});
         theirBytes = bytesWrittenBy(dir.file("trace"));
     }
     state.counters["ours_s"] = ours / double(state.iterations());

@@ -36,6 +36,12 @@ int failure(int code, const std::string& message)
     return code;
 }
 
+// As the file commands say it, but a path inside a hive names keys and values.
+std::string hiveErrorText()
+{
+    return Error::get() == Error::PathNotFound ? "no such key or value" : errorText();
+}
+
 bool isHiveFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -107,7 +113,7 @@ int get(HiveFile& hive, const std::string& key, const std::string& name)
     const auto node = hive.root() ? hive.root()->find(key) : nullptr;
     const auto value = node ? node->value(name) : nullptr;
     if (!value)
-        return failure(kMissing, key + (node ? "\\" + name : "") + ": " + errorText());
+        return failure(kMissing, key + (node ? "\\" + name : "") + ": " + hiveErrorText());
     switch (value->type()) {
     case 1:
     case 2:
@@ -125,7 +131,7 @@ int get(HiveFile& hive, const std::string& key, const std::string& name)
     default:
         const auto data = value->data();
         if (!data)
-            return failure(kMissing, key + "\\" + name + ": " + errorText());
+            return failure(kMissing, key + "\\" + name + ": " + hiveErrorText());
         std::printf("%s\n", hexBytes(*data).c_str());
         return kDone;
     }
@@ -175,7 +181,7 @@ int set(HiveFile& hive, const std::vector<std::string>& args)
         key = key->createKey(part);
     }
     if (!key)
-        return failure(kMissing, args[0] + ": " + errorText());
+        return failure(kMissing, args[0] + ": " + hiveErrorText());
     const auto value = key->createValue(args[1], type->second);
     bool ok = value != nullptr;
     try {
@@ -204,7 +210,7 @@ int set(HiveFile& hive, const std::vector<std::string>& args)
         return failure(kUsage, "'" + data[0] + "' is no number");
     }
     if (!ok || !hive.flush())
-        return failure(kMissing, args[0] + "\\" + args[1] + ": " + errorText());
+        return failure(kMissing, args[0] + "\\" + args[1] + ": " + hiveErrorText());
     return kDone;
 }
 
@@ -233,7 +239,7 @@ int runRegCommand(int argc, char** argv)
             return failure(kUsage, kUsageText);
         std::cout << "Windows Registry Editor Version 5.00\n\n";
         if (!hive.exportReg(rest.empty() ? "" : rest[0], std::cout))
-            return failure(kMissing, (rest.empty() ? "\\" : rest[0]) + ": " + errorText());
+            return failure(kMissing, (rest.empty() ? "\\" : rest[0]) + ": " + hiveErrorText());
         return std::cout.flush() ? kDone : failure(kMissing, "the export could not be written");
     }
     if (verb == "get")
@@ -243,10 +249,10 @@ int runRegCommand(int argc, char** argv)
     if (!rest.empty())
         return failure(kUsage, kUsageText);
     if (!hive.writable())
-        return failure(kMissing, "the hive cannot be recovered: " + errorText());
+        return failure(kMissing, "the hive cannot be recovered: " + hiveErrorText());
     const bool replayed = hive.recovered();
     if (!hive.flush())
-        return failure(kMissing, "the recovered hive could not be written: " + errorText());
+        return failure(kMissing, "the recovered hive could not be written: " + hiveErrorText());
     std::printf(replayed ? "recovered from the transaction logs\n" : "clean: nothing to recover\n");
     return kDone;
 }

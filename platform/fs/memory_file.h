@@ -22,7 +22,8 @@ public:
     }
     std::uint64_t read(void* buffer, std::uint64_t length) override
     {
-        const std::uint64_t count = position_ >= bytes_.size() ? 0 : std::min<std::uint64_t>(length, bytes_.size() - position_);
+        const std::uint64_t count =
+            position_ >= bytes_.size() ? 0 : std::min<std::uint64_t>(length, bytes_.size() - position_);
         if (count)
             std::memcpy(buffer, bytes_.data() + position_, count);
         position_ += count;
