@@ -167,19 +167,27 @@ TEST(HiveFile, DirtyHivesAreRecoveredAsTheOtherReadersThenSeeThem)
     }
 }
 
-TEST(HiveFile, ACleanHiveOpenedAndFlushedWithoutEditsWritesNothing)
+TEST(HiveFile, CleanOrDamagedHivesOpenedAndFlushedWithoutEditsWriteNothing)
 {
-    TestSupport::TempDir dir;
-    unpack(dir, "BCD", "BCD");
-    const auto before = std::filesystem::last_write_time(dir.file("BCD"));
-    const auto bytes = bytesOf(dir.file("BCD"));
-    const auto hive = openOnHost(dir.path(), "BCD", true);
-    ASSERT_TRUE(hive);
-    EXPECT_TRUE(hive->writable());
-    EXPECT_TRUE(hive->flush());
-    EXPECT_EQ(bytesOf(dir.file("BCD")), bytes);
-    EXPECT_EQ(std::filesystem::last_write_time(dir.file("BCD")), before);
-    EXPECT_FALSE(std::filesystem::exists(dir.file("BCD.LOG1"))) << "no log is made for nothing";
+    for (const char* name : {"SYSTEM", "BCD", "BCD-Template-Win10", "BCD-Template-Win11", "corrupted_system_hive"}) {
+        SCOPED_TRACE(name);
+        TestSupport::TempDir dir;
+        unpack(dir, name, name);
+        const auto before = std::filesystem::last_write_time(dir.file(name));
+        const auto bytes = bytesOf(dir.file(name));
+        if (const auto hive = openOnHost(dir.path(), name, true)) {
+            EXPECT_TRUE(hive->writable());
+            std::ostringstream walk;
+            EXPECT_TRUE(hive->exportReg("", walk)) << "the whole tree is read";
+            EXPECT_TRUE(hive->flush());
+        } else {
+            EXPECT_EQ(Error::get(), Error::Corrupt) << "a refusal says what is damaged";
+        }
+        EXPECT_EQ(bytesOf(dir.file(name)), bytes);
+        EXPECT_EQ(std::filesystem::last_write_time(dir.file(name)), before);
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1)
+            << "no log is made for nothing";
+    }
 }
 
 TEST(HiveFile, ADirtyHiveWithoutItsLogsOpensReadOnlyAndRefusesWrites)
