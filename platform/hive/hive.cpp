@@ -112,24 +112,10 @@ std::optional<KeyRecord> Hive::find(const std::string& path) const
     for (const auto& part : StringUtil::split(path, "\\")) {
         if (!key || part.empty())
             continue;
-        const auto subkeys = readSubkeys(cells_, *key);
-        if (!subkeys)
+        const auto child = findSubkey(key->offset, part);
+        if (!child)
             return std::nullopt;
-        std::optional<KeyRecord> found;
-        for (const std::uint32_t offset : *subkeys) {
-            auto child = readKey(cells_, offset);
-            if (!child)
-                return std::nullopt;
-            if (sameName(child->name, part)) {
-                found = std::move(child);
-                break;
-            }
-        }
-        if (!found) {
-            Error::set(Error::PathNotFound);
-            return std::nullopt;
-        }
-        key = std::move(found);
+        key = readKey(cells_, *child);
     }
     return key;
 }

@@ -41,6 +41,22 @@ struct HiveState {
         return fail();
     }
     void forgetReleased();
+
+    // A handle's record, read again at each use; nothing (the error kept) once it is deleted.
+    template <typename Record>
+    std::optional<Record> recordOf(bool dead, const char* what,
+                                   std::optional<Record> (*read)(const Cells&, std::uint32_t), std::uint32_t offset)
+    {
+        if (dead) {
+            Error::set(Error::PathNotFound, std::string("the ") + what + " was deleted");
+            fail();
+            return std::nullopt;
+        }
+        auto record = read(hive->cells(), offset);
+        if (!record)
+            fail();
+        return record;
+    }
 };
 
 namespace {
@@ -87,18 +103,7 @@ public:
     }
     bool alive() const { return !dead_; }
 
-    std::optional<ValueRecord> record()
-    {
-        if (dead_) {
-            Error::set(Error::PathNotFound, "the value was deleted");
-            state_->fail();
-            return std::nullopt;
-        }
-        auto value = readValue(state_->hive->cells(), offset_);
-        if (!value)
-            state_->fail();
-        return value;
-    }
+    std::optional<ValueRecord> record() { return state_->recordOf(dead_, "value", readValue, offset_); }
 
     std::string name() override
     {
@@ -290,18 +295,7 @@ public:
             offset_ = to;
     }
 
-    std::optional<KeyRecord> record()
-    {
-        if (dead_) {
-            Error::set(Error::PathNotFound, "the key was deleted");
-            state_->fail();
-            return std::nullopt;
-        }
-        auto key = readKey(state_->hive->cells(), offset_);
-        if (!key)
-            state_->fail();
-        return key;
-    }
+    std::optional<KeyRecord> record() { return state_->recordOf(dead_, "key", readKey, offset_); }
 
     std::string name() override
     {

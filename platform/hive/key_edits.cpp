@@ -75,18 +75,7 @@ std::optional<std::vector<std::uint32_t>> Hive::subkeysOf(std::uint32_t key) con
 
 std::optional<std::uint32_t> Hive::findSubkey(std::uint32_t key, const std::string& name) const
 {
-    const auto subkeys = subkeysOf(key);
-    if (!subkeys)
-        return std::nullopt;
-    for (const std::uint32_t offset : *subkeys) {
-        const auto child = readKey(cells_, offset);
-        if (!child)
-            return std::nullopt;
-        if (sameName(child->name, name))
-            return offset;
-    }
-    Error::set(Error::PathNotFound);
-    return std::nullopt;
+    return findNamed(cells_, subkeysOf(key), readKey, name);
 }
 
 // Replaces the key's subkey list by one of the given keys, sorted as Windows sorts them: lf

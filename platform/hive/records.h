@@ -3,7 +3,9 @@
 // lists, value nodes and value data (inline, in one cell, or as big data). Every offset, count
 // and size is checked against the cells before it is used.
 
+#include "platform/core/error.h"
 #include "platform/hive/cells.h"
+#include "platform/hive/names.h"
 
 #include <string>
 
@@ -40,5 +42,25 @@ std::optional<ValueRecord> readValue(const Cells& cells, std::uint32_t offset);
 // The value's data; big data (db) on hives of minor version 4 and up.
 std::optional<std::vector<std::uint8_t>> readData(const Cells& cells, const ValueRecord& value,
                                                   std::uint32_t minorVersion);
+
+// The first of the records at offsets whose name is name, as Windows compares names; nothing,
+// with Error PathNotFound, when none is (or Corrupt when a record is damaged).
+template <typename Record>
+std::optional<std::uint32_t> findNamed(const Cells& cells, const std::optional<std::vector<std::uint32_t>>& offsets,
+                                       std::optional<Record> (*read)(const Cells&, std::uint32_t),
+                                       const std::string& name)
+{
+    if (!offsets)
+        return std::nullopt;
+    for (const std::uint32_t offset : *offsets) {
+        const auto record = read(cells, offset);
+        if (!record)
+            return std::nullopt;
+        if (sameName(record->name, name))
+            return offset;
+    }
+    Error::set(Error::PathNotFound);
+    return std::nullopt;
+}
 
 } // namespace Platform::Hive

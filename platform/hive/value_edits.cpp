@@ -30,18 +30,7 @@ std::span<const std::uint8_t> ascii(const char* text)
 std::optional<std::uint32_t> Hive::findValue(std::uint32_t key, const std::string& name) const
 {
     const auto record = readKey(cells_, key);
-    const auto values = record ? readValueList(cells_, *record) : std::nullopt;
-    if (!values)
-        return std::nullopt;
-    for (const std::uint32_t offset : *values) {
-        const auto value = readValue(cells_, offset);
-        if (!value)
-            return std::nullopt;
-        if (sameName(value->name, name))
-            return offset;
-    }
-    Error::set(Error::PathNotFound);
-    return std::nullopt;
+    return findNamed(cells_, record ? readValueList(cells_, *record) : std::nullopt, readValue, name);
 }
 
 bool Hive::bigData(const ValueRecord& value) const
