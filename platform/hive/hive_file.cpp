@@ -609,8 +609,9 @@ Ref<KeyNode> HiveFile::root()
 
 bool HiveFile::flush()
 {
-    const bool changes = !state_->hive->cells().changedPages().empty() || state_->pendingReplay;
-    if (!changes)
+    const bool edited = !state_->hive->cells().changedPages().empty();
+    // A replay that a read-only open made stays in memory: it is not the caller's change.
+    if (!edited && (!state_->pendingReplay || !state_->writable))
         return true;
     if (!state_->refuseReadOnly())
         return false;

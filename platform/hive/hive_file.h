@@ -90,7 +90,8 @@ class HiveFile : public Object {
 public:
     // The hive in stream. A dirty hive is brought up to date from its logs first; without a log
     // that finishes it, it opens read-only and the reason is logged. Null with the error set
-    // when the file is no hive or is damaged.
+    // when the file is no hive or is damaged. Without logs (no LogAccess that can create one)
+    // the hive can be read and edited but not flushed: nothing is written without a log.
     static Ref<HiveFile> open(Ref<File> stream, std::uint32_t flags, std::uint32_t codepage,
                               const LogAccess* logs = nullptr, Access access = Access::ReadWrite);
 
