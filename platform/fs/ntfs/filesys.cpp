@@ -13,6 +13,7 @@
 #include <ctime>
 #include <endian.h>
 #include <fcntl.h>
+#include <functional>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <vector>
@@ -272,6 +273,8 @@ private:
 struct Listing {
     ntfs_volume* volume;
     std::vector<DirectoryEntry> entries;
+    // The size of a file the facade holds open: its record must not be opened a second time.
+    std::function<std::optional<std::uint64_t>(std::uint64_t record)> openSize;
 };
 
 int listName(void* context, const ntfschar* name, const int length, const int nameType, const s64, const MFT_REF mref,
@@ -288,11 +291,14 @@ int listName(void* context, const ntfschar* name, const int length, const int na
     if (entry == "." || entry == ".." || MREF(mref) < FILE_first_user)
         return 0;
     std::uint64_t size = 0;
-    if (type != NTFS_DT_DIR)
-        if (ntfs_inode* inode = ntfs_inode_open(listing->volume, MREF(mref))) {
+    if (type != NTFS_DT_DIR) {
+        if (const auto open = listing->openSize(MREF(mref)))
+            size = *open;
+        else if (ntfs_inode* inode = ntfs_inode_open(listing->volume, MREF(mref))) {
             size = std::uint64_t(inode->data_size);
             ntfs_inode_close(inode);
         }
+    }
     listing->entries.push_back({entry, type == NTFS_DT_DIR ? 1u : 0u, size});
     return 0;
 }
@@ -395,7 +401,13 @@ Ref<Directory> NtfsFilesys::openDirectory(const std::string& path)
         setError();
         return {};
     }
-    Listing listing{mount_->volume, {}};
+    Listing listing{mount_->volume, {}, [this](std::uint64_t record) -> std::optional<std::uint64_t> {
+                        const auto found = openData_.find(record);
+                        const auto open = found == openData_.end() ? nullptr : found->second.lock();
+                        if (!open)
+                            return std::nullopt;
+                        return std::uint64_t(open->data->data_size);
+                    }};
     s64 position = 0;
     // With case folding on, the library lists names folded to lower case; list them as stored.
     ntfschar* folding = mount_->volume->locase;
