@@ -2,6 +2,7 @@
 
 #include "platform/core/error.h"
 #include "platform/partman/partition_manager.h"
+#include "platform/storage/area_translator.h"
 #include "platform/storage/file_storage.h"
 #include "platform/storage/window_storage.h"
 #include "postprocessing/pp_handler.h"
@@ -54,9 +55,6 @@ PP::Variant uuidValue(const Platform::Guid& uuid)
     return PP::Variant::bytes({uuid.begin(), uuid.end()});
 }
 
-// The partition side of one disk: per partition of the target's table (in table order) an entry
-// (kind 1), its storages as windows over the images (kind 8), its start sectors (kind 2) and its
-// sector sizes (kind 3). Source values come from the source partition at the same position.
 // A one-name list, as the by-id name operations take them.
 PP::Variant nameList(const std::string& text)
 {
@@ -72,6 +70,10 @@ std::string mountedFolder(const Options& options, std::size_t target, unsigned p
     return {};
 }
 
+// The partition side of one disk: per partition of the target's table (in table order) an entry
+// (kind 1), its storages as windows over the images (kind 8), its start sectors (kind 2) and its
+// sector sizes (kind 3). Source values come from the source partition at the same position, and
+// with a source the disk gets the map of its partitions' sectors (kind 7).
 void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Ref<Interfaces::Storage>& target,
                         const Ref<Interfaces::Storage>& source, const Options& options, std::size_t targetIndex,
                         std::vector<Refusal>* refused)
@@ -85,6 +87,7 @@ void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Re
         return;
     }
     const auto sourceTable = source ? PartitionManager::create(source, 512) : Ref<PartitionManager>();
+    std::vector<Platform::RangeTranslator::Range> copied;
     for (std::size_t i = 0; i < targetTable->partitionCount(); ++i) {
         const auto partition = targetTable->partition(i);
         const auto sourcePartition = sourceTable ? sourceTable->partition(i) : Ref<Platform::Partition>();
@@ -109,11 +112,17 @@ void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Re
                             : Ref<Platform::WindowStorage>();
         keeper.addObjectEntry(PP::KindPartitionStorage, sourceWindow, targetWindow, entry, 0);
 
+        if (sourcePartition)
+            copied.push_back(
+                {sourcePartition->start(), partition->start(), std::min(sourcePartition->size(), partition->size())});
         const PP::u64 sourceStart = sourcePartition ? sourcePartition->start() : partition->start();
         keeper.addEntry(PP::KindPartitionOffset, {integer(sourceStart)}, {integer(partition->start())}, entry, 0);
         const PP::u64 sourceSector = source ? source->elementSize() : target->elementSize();
         keeper.addEntry(PP::KindElementSize, {integer(sourceSector)}, {integer(target->elementSize())}, entry, 0);
     }
+    // Partition n of the source became partition n of the target, sector by sector.
+    if (const auto translator = Platform::RangeTranslator::create(std::move(copied)); translator && sourceTable)
+        keeper.addObjectEntry(PP::KindAreaTranslator, {}, translator, disk, 0);
 }
 
 } // namespace

@@ -1,7 +1,9 @@
 #include "postprocessing/pipeline.h"
 
 #include "postprocessing/bootloader/grub_config.h"
+#include "postprocessing/bootloader/grub_sectors.h"
 #include "postprocessing/bootloader/raspberry_pi.h"
+#include "postprocessing/bootloader/syslinux.h"
 #include "postprocessing/common/disk_ids.h"
 #include "postprocessing/common/fs_offset.h"
 #include "postprocessing/common/mbr_chs.h"
@@ -300,7 +302,9 @@ const PipelineSteps& PipelineSteps::builtIn()
         built.adjustFsOffset = Common::adjustFsOffset;
         built.transferOrAdjustPartitionType = Common::transferOrAdjustPartitionType;
         built.adjustPartitionType = Common::adjustPartitionType;
+        built.adjustGrubSectorLists = Bootloader::adjustGrubSectorLists;
         built.adjustGrubCfg = Bootloader::adjustGrubCfg;
+        built.adjustSyslinux = Bootloader::adjustSyslinux;
         built.adjustRaspberryPi = Bootloader::adjustRaspberryPi;
         // The mount table, then the other Linux files that name boot devices by id.
         built.adjustFstab = [](Ref<Keeper> keeper) {

@@ -19,13 +19,7 @@ bool AreaCollector::add(std::uint64_t byteOffset, std::uint64_t bytes)
     }
     bytes = std::min(bytes, missing_);
     missing_ -= bytes;
-    if (bytes == 0)
-        return true;
-    const Area next{byteOffset / sectorSize_, bytes / sectorSize_};
-    if (!areas_.empty() && areas_.back().start + areas_.back().count == next.start)
-        areas_.back().count += next.count;
-    else
-        areas_.push_back(next);
+    appendArea(areas_, {byteOffset / sectorSize_, bytes / sectorSize_});
     return true;
 }
 

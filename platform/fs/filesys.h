@@ -5,6 +5,7 @@
 // Platform::Error set (32 when a path does not exist).
 
 #include "platform/core/access.h"
+#include "platform/core/area.h"
 #include "platform/core/ref.h"
 #include "platform/log/log.h"
 #include "platform/storage/storage.h"
@@ -27,13 +28,6 @@ inline constexpr std::uint32_t CreateOrOpen = 0x513;
 inline constexpr std::uint32_t CreateOrTruncate = 0x4313;
 inline constexpr std::uint32_t FileSystemByPath = 0x11;
 } // namespace OpenFlags
-
-// A run of sectors of the storage a file system lies on: the first and how many.
-struct Area {
-    std::uint64_t start;
-    std::uint64_t count;
-    bool operator==(const Area&) const = default;
-};
 
 class File : public Object {
 public:
