@@ -236,7 +236,7 @@ struct FileCorePatch {
 // A blocklist install: core.img is a file, and the boot sectors that load it list its sectors.
 // Nothing when the partition holds no core that a boot sector loads.
 std::optional<StepResult> followCoreFile(const Ref<Keeper>& keeper, u64 partition, Interfaces::Storage& disk,
-                          const std::optional<Sector>& mbr)
+                                         const std::optional<Sector>& mbr)
 {
     const auto placement = placementOf(keeper, partition);
     const auto partitionStorage = Tools::getToStorage(keeper, partition);
@@ -290,10 +290,10 @@ std::optional<StepResult> followCoreFile(const Ref<Keeper>& keeper, u64 partitio
             log(LogNotice, "Grub sector list is equal, Grub was not moved");
             return StepResult::NothingFound;
         }
-        const bool patched = Grub::patchCoreImg(after, patch.core.data(), kSectorSize) &&
-                             (!patch.mbr || Grub::patchBootSector(after, patch.mbr->data(), kSectorSize)) &&
-                             (!patch.partitionBoot ||
-                              Grub::patchBootSector(after, patch.partitionBoot->data(), kSectorSize));
+        const bool patched =
+            Grub::patchCoreImg(after, patch.core.data(), kSectorSize) &&
+            (!patch.mbr || Grub::patchBootSector(after, patch.mbr->data(), kSectorSize)) &&
+            (!patch.partitionBoot || Grub::patchBootSector(after, patch.partitionBoot->data(), kSectorSize));
         if (!patched) {
             log(LogError, "Could not patch the grub sector list of " + path);
             return StepResult::Failed;

@@ -108,7 +108,8 @@ StepResult adjustPartition(const Ref<Keeper>& keeper, u64 partition)
     if (!storage)
         return StepResult::NothingFound;
     if (storage->elementSize() != kBootSectorSize) {
-        LogMessage(Channels::bootloader(), LogWarning) << "Disk with unsupported sector size " << storage->elementSize();
+        LogMessage(Channels::bootloader(), LogWarning)
+            << "Disk with unsupported sector size " << storage->elementSize();
         return StepResult::NothingFound;
     }
     std::vector<u8> buffer(kBufferSize, 0);

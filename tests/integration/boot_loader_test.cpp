@@ -90,12 +90,12 @@ void makeSyslinuxDisk(const std::string& disk, const std::string& partitionImage
 {
     const auto sectors = std::filesystem::file_size(partitionImage) / 512;
     TestSupport::createImage(disk, (2048 + sectors) * 512);
-    const auto table = run({"sh", "-c",
-                            "printf 'label: dos\\nstart=2048, type=" + std::string(type) +
-                                ", bootable\\n' | sfdisk -q '" + disk + "'"});
+    const auto table = run(
+        {"sh", "-c",
+         "printf 'label: dos\\nstart=2048, type=" + std::string(type) + ", bootable\\n' | sfdisk -q '" + disk + "'"});
     ASSERT_EQ(table.exitCode, 0) << table.err;
-    runTool({"dd", "if=/usr/lib/syslinux/mbr/mbr.bin", "of=" + disk, "bs=440", "count=1", "conv=notrunc",
-             "status=none"});
+    runTool(
+        {"dd", "if=/usr/lib/syslinux/mbr/mbr.bin", "of=" + disk, "bs=440", "count=1", "conv=notrunc", "status=none"});
     copySectors(partitionImage, 0, disk, 2048, sectors);
 }
 
@@ -126,8 +126,8 @@ TEST_P(SyslinuxOnFat, AFileByFileCopyBootsOnlyAfterPostclone)
     runTool({"mkfs.fat", "-F", kind.bits, "-s", "1", "-n", "SRC", source});
     runTool({"syslinux", "--install", source});
     writeText(dir.file("syslinux.cfg"), syslinuxConfig());
-    runTool({"mcopy", "-D", "o", "-i", source, dir.file("syslinux.cfg"), std::string(kSyslinuxModules) + "/libcom32.c32",
-             std::string(kSyslinuxModules) + "/poweroff.c32", "::/"});
+    runTool({"mcopy", "-D", "o", "-i", source, dir.file("syslinux.cfg"),
+             std::string(kSyslinuxModules) + "/libcom32.c32", std::string(kSyslinuxModules) + "/poweroff.c32", "::/"});
 
     // The copy: a new file system whose free space is full of holes, the files copied into it,
     // and the boot code put back over the new parameter block.
@@ -320,7 +320,8 @@ std::string makeGrubMbrDisk(const TestSupport::TempDir& dir, const std::string& 
     const std::string disk = dir.file(name);
     const auto sectors = std::filesystem::file_size(partitionImage) / 512;
     TestSupport::createImage(disk, (2048 + sectors) * 512);
-    const auto table = run({"sh", "-c", "printf 'label: dos\\nstart=2048, type=83, bootable\\n' | sfdisk -q '" + disk + "'"});
+    const auto table =
+        run({"sh", "-c", "printf 'label: dos\\nstart=2048, type=83, bootable\\n' | sfdisk -q '" + disk + "'"});
     EXPECT_EQ(table.exitCode, 0) << table.err;
     copySectors(partitionImage, 0, disk, 2048, sectors);
     return disk;
