@@ -1,7 +1,6 @@
 #include "postprocessing/bootloader/grub_sectors.h"
 
 #include "platform/boot/grub.h"
-#include "platform/fs/allocation_iterator.h"
 #include "platform/partman/partition_manager.h"
 #include "platform/storage/window_storage.h"
 #include "postprocessing/keeper_entries.h"
@@ -84,14 +83,14 @@ bool inside(u64 sector, const Placement& placement)
     return sector >= placement.sourceStart && sector - placement.sourceStart < placement.sourceSectors;
 }
 
-// The boot sectors that load one core and that core's first sector, patched in memory before
-// anything is written, then written core first.
+// A core's sectors as its first sector lists them, and where the copy put them.
 struct CoreMove {
     std::vector<Area> before;
     std::vector<Area> after;
 };
 
-// Patches the core's first sector (where the copy put it) and the MBR for a moved core.
+// Patches the core's first sector (where the copy put it) and the MBR for a moved core, both in
+// memory before anything is written, then writes the core's sector first.
 StepResult moveCoreOnDisk(Interfaces::Storage& disk, Sector mbr, Sector core, const CoreMove& move)
 {
     if (move.before == move.after) {
@@ -201,18 +200,16 @@ std::optional<StepResult> followBiosBootPartition(const Ref<Keeper>& keeper, u64
     return result;
 }
 
-// The file's areas as the allocation iterator hands them out, moved to disk sectors.
+// Where a file lies, as sectors of the disk its partition starts on.
 std::optional<std::vector<Area>> diskAreasOf(Platform::File& file, u64 partitionStart)
 {
-    const auto iterator = Platform::AllocationIterator::create(file);
-    if (!iterator)
+    const auto areas = Tools::collectAllocation(file);
+    if (!areas)
         return std::nullopt;
-    std::vector<Area> areas;
-    Area slots[Platform::AllocationIterator::kAreasPerCall];
-    for (std::size_t delivered; (delivered = iterator->next(slots, std::size(slots))) > 0;)
-        for (std::size_t i = 0; i < delivered; ++i)
-            Platform::appendArea(areas, {slots[i].start + partitionStart, slots[i].count});
-    return areas;
+    std::vector<Area> onDisk;
+    for (const Area& area : *areas)
+        Platform::appendArea(onDisk, {area.start + partitionStart, area.count});
+    return onDisk;
 }
 
 Ref<Platform::File> openCoreFile(Platform::Filesys& fs, std::string& path)
@@ -225,93 +222,80 @@ Ref<Platform::File> openCoreFile(Platform::Filesys& fs, std::string& path)
     return {};
 }
 
-// What is written for a core file: its first sector through the file system, then the boot
-// sectors that load it.
-struct FileCorePatch {
-    Sector core;
-    std::optional<Sector> partitionBoot;
-    std::optional<Sector> mbr;
-};
-
 // A blocklist install: core.img is a file, and the boot sectors that load it list its sectors.
 // Nothing when the partition holds no core that a boot sector loads.
 std::optional<StepResult> followCoreFile(const Ref<Keeper>& keeper, u64 partition, Interfaces::Storage& disk,
-                                         const std::optional<Sector>& mbr)
+                                         std::optional<Sector> mbr)
 {
     const auto placement = placementOf(keeper, partition);
     const auto partitionStorage = Tools::getToStorage(keeper, partition);
-    const auto partitionBoot = partitionStorage ? readSector(*partitionStorage, 0) : std::nullopt;
-    const bool bootsFromPartition = partitionBoot && isGrub2(*partitionBoot);
-    if (!placement || (!mbr && !bootsFromPartition))
+    auto partitionBoot = partitionStorage ? readSector(*partitionStorage, 0) : std::nullopt;
+    if (partitionBoot && !isGrub2(*partitionBoot))
+        partitionBoot.reset();
+    if (!placement || (!mbr && !partitionBoot))
         return std::nullopt;
-
-    FileCorePatch patch{Sector(kSectorSize), std::nullopt, std::nullopt};
-    std::vector<Area> after;
-    StepResult result = StepResult::NothingFound;
     {
         const auto fs = Tools::getToFSItemFactory(keeper, partition, 1);
         std::string path;
         const auto file = fs ? openCoreFile(*fs, path) : Ref<Platform::File>();
         if (!file)
             return std::nullopt;
-        const auto areas = diskAreasOf(*file, placement->targetStart);
-        if (!areas || areas->empty()) {
+        const auto after = diskAreasOf(*file, placement->targetStart);
+        if (!after || after->empty()) {
             log(LogWarning, "Could not get allocated sector list for " + path);
             return StepResult::Failed;
         }
-        after = *areas;
-        if (!file->seek(0) || file->read(patch.core.data(), kSectorSize) != kSectorSize) {
+        Sector core(kSectorSize);
+        if (!file->seek(0) || file->read(core.data(), kSectorSize) != kSectorSize) {
             log(LogError, "Could not read " + path);
             return StepResult::Failed;
         }
         // The core's own list compared with where the file lies now; the first sector is where
         // a boot sector says.
-        const auto before = Grub::grubCoreImageSectors(patch.core.data(), kSectorSize, after.front().start);
+        const auto before = Grub::grubCoreImageSectors(core.data(), kSectorSize, after->front().start);
         if (!before) {
             log(LogError, "Coudl not get old list at new startsector");
             return StepResult::Failed;
         }
-        if (bootsFromPartition && inside(bootStart(*partitionBoot), *placement)) {
+        // Only the boot sectors that loaded this core follow it.
+        if (partitionBoot && inside(bootStart(*partitionBoot), *placement))
             log(LogDetail, "Adjusting Grub BPB loader");
-            patch.partitionBoot = partitionBoot;
-        }
+        else
+            partitionBoot.reset();
         if (mbr && inside(bootStart(*mbr), *placement)) {
             log(LogDetail, "MBR offset points to source partition, update it");
             log(LogDetail, "Adjusting Grub MBR loader");
-            patch.mbr = mbr;
         } else if (mbr) {
             log(LogDetail, "MBR points to different source partition, skip update");
+            mbr.reset();
         }
-        if (!patch.partitionBoot && !patch.mbr)
+        if (!partitionBoot && !mbr)
             return std::nullopt;
-        const bool bootSectorsRight = (!patch.mbr || bootStart(*patch.mbr) == after.front().start) &&
-                                      (!patch.partitionBoot || bootStart(*patch.partitionBoot) == after.front().start);
-        if (*before == after && bootSectorsRight) {
+        const auto pointsRight = [&](const std::optional<Sector>& boot) {
+            return !boot || bootStart(*boot) == after->front().start;
+        };
+        if (*before == *after && pointsRight(mbr) && pointsRight(partitionBoot)) {
             log(LogNotice, "Grub sector list is equal, Grub was not moved");
             return StepResult::NothingFound;
         }
-        const bool patched =
-            Grub::patchCoreImg(after, patch.core.data(), kSectorSize) &&
-            (!patch.mbr || Grub::patchBootSector(after, patch.mbr->data(), kSectorSize)) &&
-            (!patch.partitionBoot || Grub::patchBootSector(after, patch.partitionBoot->data(), kSectorSize));
-        if (!patched) {
+        const auto patch = [&](std::optional<Sector>& boot) {
+            return !boot || Grub::patchBootSector(*after, boot->data(), kSectorSize);
+        };
+        if (!Grub::patchCoreImg(*after, core.data(), kSectorSize) || !patch(mbr) || !patch(partitionBoot)) {
             log(LogError, "Could not patch the grub sector list of " + path);
             return StepResult::Failed;
         }
-        if (!file->seek(0) || file->write(patch.core.data(), kSectorSize) != kSectorSize || !file->flush() ||
-            !fs->flush()) {
+        if (!file->seek(0) || file->write(core.data(), kSectorSize) != kSectorSize || !file->flush() || !fs->flush()) {
             log(LogError, "Could not update " + path);
             return StepResult::Failed;
         }
-        result = StepResult::Ok;
     }
     // The file system is closed before the boot sectors are written.
-    if ((patch.partitionBoot && !writeSector(*partitionStorage, 0, *patch.partitionBoot)) ||
-        (patch.mbr && !writeSector(disk, 0, *patch.mbr))) {
+    if ((partitionBoot && !writeSector(*partitionStorage, 0, *partitionBoot)) || (mbr && !writeSector(disk, 0, *mbr))) {
         log(LogError, "Could not write the grub boot sector");
         return StepResult::Failed;
     }
-    return result;
+    return StepResult::Ok;
 }
 
 // Nothing when no partition holds a core that a boot sector loads.

@@ -2,7 +2,6 @@
 
 #include "platform/boot/syslinux.h"
 #include "platform/core/error.h"
-#include "platform/fs/allocation_iterator.h"
 #include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/file_tools.h"
@@ -38,23 +37,6 @@ Ref<Platform::File> openCoreImage(Platform::Filesys& fs, std::string& path)
     return {};
 }
 
-// The file's areas as the allocation iterator hands them out, eight at a time.
-std::optional<std::vector<Area>> collectAreas(Platform::File& file)
-{
-    const auto iterator = Platform::AllocationIterator::create(file);
-    if (!iterator)
-        return std::nullopt;
-    std::vector<Area> areas;
-    for (;;) {
-        Area slots[Platform::AllocationIterator::kAreasPerCall];
-        std::fill(std::begin(slots), std::end(slots), Area{~u64(0), 0});
-        const std::size_t delivered = iterator->next(slots, std::size(slots));
-        if (delivered == 0)
-            return areas;
-        areas.insert(areas.end(), slots, slots + delivered);
-    }
-}
-
 // A file copier may leave the core sparse where it holds zeros; syslinux loads every sector, so
 // those sectors are written out (the file's size is unchanged) before its sectors are listed.
 bool fillHoles(Platform::File& file, const std::string& path)
@@ -80,9 +62,9 @@ StepResult patchCore(const Ref<Keeper>& keeper, u64 partition, std::vector<u8>& 
     const auto file = openCoreImage(*fs, path);
     if (!file)
         return StepResult::NothingFound;
-    auto areas = collectAreas(*file);
+    auto areas = Tools::collectAllocation(*file);
     if (!areas && Platform::Error::get() == Platform::Error::NotSupported && fillHoles(*file, path))
-        areas = collectAreas(*file);
+        areas = Tools::collectAllocation(*file);
     if (!areas) {
         LogMessage(Channels::bootloader(), LogWarning) << "Could not get allocated sector list for " << path;
         return StepResult::Failed;

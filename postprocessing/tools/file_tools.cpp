@@ -3,6 +3,7 @@
 #include "platform/core/error.h"
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
+#include "platform/fs/allocation_iterator.h"
 #include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -121,6 +122,22 @@ StepResult foldTargetFileSystems(const Ref<Keeper>& keeper, const std::function<
         if (const auto fs = getToFSItemFactory(keeper, partition, 1))
             result = foldResult(result, fn(*fs));
     return result;
+}
+
+std::optional<std::vector<Platform::Area>> collectAllocation(Platform::File& file)
+{
+    const auto iterator = Platform::AllocationIterator::create(file);
+    if (!iterator)
+        return std::nullopt;
+    std::vector<Platform::Area> areas;
+    for (;;) {
+        Platform::Area slots[Platform::AllocationIterator::kAreasPerCall];
+        std::fill(std::begin(slots), std::end(slots), Platform::Area{~u64(0), 0});
+        const std::size_t delivered = iterator->next(slots, std::size(slots));
+        if (delivered == 0)
+            return areas;
+        areas.insert(areas.end(), slots, slots + delivered);
+    }
 }
 
 bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target)

@@ -5,6 +5,8 @@
 #include "postprocessing/keeper.h"
 
 #include <functional>
+#include <optional>
+#include <vector>
 
 namespace Libraries::KRO::PostProcessing {
 
@@ -25,6 +27,10 @@ Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32 mod
 
 // fn folded (foldResult) over the target file system of every partition entry that has one.
 StepResult foldTargetFileSystems(const Ref<Keeper>& keeper, const std::function<StepResult(Platform::Filesys&)>& fn);
+
+// Where a file lies (partition-relative sectors, in file order), fetched from its allocation
+// iterator eight areas at a time; nothing (Error set) when its file system cannot say.
+std::optional<std::vector<Platform::Area>> collectAllocation(Platform::File& file);
 
 // Copies the whole of source over target (resized to fit) in 16 KiB blocks.
 bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target);

@@ -52,7 +52,7 @@ PatchArea patchAreaOf(const std::vector<std::uint8_t>& core)
     while (view.u32(at) != 0x3EB202FE)
         at += 4;
     const std::size_t epa = view.u16(at + 22);
-    PatchArea area{view.u16(at + 8),  view.u32(at + 12),     view.u16(epa + 10), view.u16(epa + 12),
+    PatchArea area{view.u16(at + 8),  view.u32(at + 12),  view.u16(epa + 10), view.u16(epa + 12),
                    view.u16(epa + 0), view.u16(epa + 14), view.u16(epa + 16)};
     EXPECT_TRUE(view.ok());
     return area;

@@ -24,7 +24,8 @@ struct Disk {
         TestSupport::createImage(disk, (2048 + 2 * kPartitionSectors) * 512);
         TestSupport::runTool({"sh", "-c",
                               "printf 'label: dos\\nstart=2048, size=32768, type=6\\nsize=32768, type=6\\n' | "
-                              "sfdisk -q " + disk});
+                              "sfdisk -q " +
+                                  disk});
         for (u64 start : {u64(2048), 2048 + kPartitionSectors}) {
             std::filesystem::remove(part);
             TestSupport::createImage(part, kPartitionSectors * 512);
@@ -36,10 +37,7 @@ struct Disk {
         storage = TestSupport::loadImage(disk);
         TestSupport::addDiskWithPartitions(*keeper, storage);
     }
-    u8* partitionBytes(int index)
-    {
-        return storage->bytes().data() + (2048 + u64(index) * kPartitionSectors) * 512;
-    }
+    u8* partitionBytes(int index) { return storage->bytes().data() + (2048 + u64(index) * kPartitionSectors) * 512; }
     std::vector<u8> partition(int index)
     {
         return {partitionBytes(index), partitionBytes(index) + kPartitionSectors * 512};
