@@ -6,6 +6,7 @@
 #include "cli/reg_command.h"
 #include "cli/report.h"
 #include "cli/terminal.h"
+#include "cli/windows_command.h"
 #include "postprocessing/pp_handler.h"
 
 #include <cstdio>
@@ -31,6 +32,8 @@ int main(int argc, char** argv)
         return Cli::runFsCommand(argc, argv);
     if (argc > 1 && std::string_view(argv[1]) == "reg")
         return Cli::runRegCommand(argc, argv);
+    if (argc > 1 && std::string_view(argv[1]) == "windows")
+        return Cli::runWindowsCommand(argc, argv);
     const auto parsed = Cli::parseCommandLine(argc, argv);
     if (!parsed.options)
         return parsed.error.empty() ? parsed.exitCode : usageError(parsed.error);

@@ -16,7 +16,9 @@
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/tools/file_tools.h"
+#include "postprocessing/windows/fresh_start.h"
 #include "postprocessing/windows/lba_patch.h"
+#include "postprocessing/windows/system_hive.h"
 
 #include <string>
 
@@ -302,6 +304,10 @@ const PipelineSteps& PipelineSteps::builtIn()
         built.adjustFsOffset = Common::adjustFsOffset;
         built.transferOrAdjustPartitionType = Common::transferOrAdjustPartitionType;
         built.adjustPartitionType = Common::adjustPartitionType;
+        built.adjustSystemHives = Windows::adjustSystemHives;
+        built.purgeHiberfile = Windows::purgeHiberfile;
+        built.setCleanShutdown = Windows::setCleanShutdown;
+        built.clearUpdateClientId = Windows::clearUpdateClientId;
         built.adjustGrubSectorLists = Bootloader::adjustGrubSectorLists;
         built.adjustGrubCfg = Bootloader::adjustGrubCfg;
         built.adjustSyslinux = Bootloader::adjustSyslinux;

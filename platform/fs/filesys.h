@@ -27,6 +27,9 @@ inline constexpr std::uint32_t ReadWriteExisting = 0x13;
 inline constexpr std::uint32_t CreateOrOpen = 0x513;
 inline constexpr std::uint32_t CreateOrTruncate = 0x4313;
 inline constexpr std::uint32_t FileSystemByPath = 0x11;
+// For Filesys::create: a volume Windows left hibernated or with an open log is opened for writing
+// anyway, its log reset, for a caller that discards that Windows session.
+inline constexpr std::uint32_t DiscardWindowsSession = 0x1000;
 } // namespace OpenFlags
 
 class File : public Object {

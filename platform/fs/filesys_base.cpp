@@ -31,7 +31,7 @@ bool FileSysBase::setGeometry(std::uint32_t heads, std::uint32_t sectorsPerTrack
     return undoable([&] { return writeGeometry(heads, sectorsPerTrack); });
 }
 
-Ref<Filesys> FileSysBase::openFiles(Ref<Interfaces::Storage>, Access) const
+Ref<Filesys> FileSysBase::openFiles(Ref<Interfaces::Storage>, Access, std::uint32_t) const
 {
     Error::set(Error::NotSupported);
     return {};

@@ -42,8 +42,8 @@ public:
     bool setGeometry(std::uint32_t heads, std::uint32_t sectorsPerTrack);
     // The file facade over this file system, built from what was parsed here, on storage (this
     // volume's storage or a staging layer over it); null with Error 0x10002 for the families
-    // without one.
-    virtual Ref<Filesys> openFiles(Ref<Interfaces::Storage> storage, Access access) const;
+    // without one. flags: those of Filesys::create.
+    virtual Ref<Filesys> openFiles(Ref<Interfaces::Storage> storage, Access access, std::uint32_t flags) const;
     // Why this file system must not be written at all (its structures are impossible), or empty.
     virtual std::string refusal() const { return {}; }
 

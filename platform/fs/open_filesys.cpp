@@ -25,7 +25,7 @@ Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, Acces
     return storage ? create(storage, flags, access) : Ref<Filesys>();
 }
 
-Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, Access access)
+Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t flags, Access access)
 {
     // One look at the structures: the facade is built from what the volume object parsed.
     const Ref<FileSysBase> volume = MountHelper::open(storage);
@@ -34,10 +34,10 @@ Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t, Ac
         return {};
     }
     if (access == Access::ReadOnly)
-        return volume->openFiles(std::move(storage), Access::ReadOnly);
+        return volume->openFiles(std::move(storage), Access::ReadOnly, flags);
     // Every change reaches the disk whole or not at all.
-    return StagedFilesys::open(std::move(storage), [volume](Ref<Interfaces::Storage> staged) {
-        return volume->openFiles(std::move(staged), Access::ReadWrite);
+    return StagedFilesys::open(std::move(storage), [volume, flags](Ref<Interfaces::Storage> staged) {
+        return volume->openFiles(std::move(staged), Access::ReadWrite, flags);
     });
 }
 

@@ -84,7 +84,7 @@ bool temporaryFolderUsable(std::string& problem)
     return true;
 }
 
-Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
+TargetFileSystem openTargetFileSystem(const Ref<Keeper>& keeper, u64 index, u32 flags, Platform::Access access)
 {
     if (!keeper)
         return {};
@@ -99,20 +99,25 @@ Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
     if (!to.empty() && (to.front().isString() || to.front().isInteger())) {
         const std::string path =
             to.front().isString() ? *to.front().asString() : Platform::StrConv::str(*to.front().asInteger());
-        if (auto fs =
-                Platform::Filesys::create(path, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite))
-            return fs;
+        if (auto fs = Platform::Filesys::create(path, flags, access))
+            return {fs, {}};
     }
-    const auto storage = getToStorage(keeper, partition);
-    if (!storage) {
+    TargetFileSystem target;
+    target.storage = getToStorage(keeper, partition);
+    if (!target.storage) {
         LogMessage(Channels::tools(), LogDetail) << "Partition has no storage: " << entryLogName(*keeper, partition);
         return {};
     }
-    auto fs = Platform::Filesys::create(storage, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite);
-    if (!fs)
+    target.fs = Platform::Filesys::create(target.storage, flags, access);
+    if (!target.fs)
         LogMessage(Channels::tools(), LogDetail)
             << "Could not create filesys for " << entryLogName(*keeper, partition) << " " << Platform::Error::get();
-    return fs;
+    return target;
+}
+
+Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32)
+{
+    return openTargetFileSystem(keeper, index, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite).fs;
 }
 
 StepResult foldTargetFileSystems(const Ref<Keeper>& keeper, const std::function<StepResult(Platform::Filesys&)>& fn)

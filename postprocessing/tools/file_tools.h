@@ -20,9 +20,15 @@ namespace Tools {
 // cause when it does not.
 bool temporaryFolderUsable(std::string& problem);
 
+struct TargetFileSystem {
+    Ref<Platform::Filesys> fs;              // null when there is no usable file system
+    Ref<Interfaces::Storage> storage; // null for a host folder or file named by path
+};
 // The target file system of a partition entry (kind 1, or its kind-8 storage entry): a node path
-// named by the entry first, else the partition's target storage. mode is accepted as callers pass
-// it (always 1). Null when the partition has no usable file system.
+// named by the entry first, else the partition's target storage. flags: those of
+// Platform::Filesys::create.
+TargetFileSystem openTargetFileSystem(const Ref<Keeper>& keeper, u64 index, u32 flags, Platform::Access access);
+// The same, writable. mode is accepted as callers pass it (always 1).
 Ref<Platform::Filesys> getToFSItemFactory(Ref<Keeper> keeper, u64 index, u32 mode);
 
 // fn folded (foldResult) over the target file system of every partition entry that has one.

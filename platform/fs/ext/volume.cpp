@@ -45,7 +45,7 @@ bool ExtVolume::writeVolumeId(std::span<const std::uint8_t> id)
     return changeExtUuid(storage_, id);
 }
 
-Ref<Filesys> ExtVolume::openFiles(Ref<Interfaces::Storage> storage, Access access) const
+Ref<Filesys> ExtVolume::openFiles(Ref<Interfaces::Storage> storage, Access access, std::uint32_t) const
 {
     return ExtFilesys::open(std::move(storage), access);
 }

@@ -18,7 +18,7 @@ bool FatVolume::writeVolumeId(std::span<const std::uint8_t> id)
     return updateBootSector([&](ByteWriter& out) { out.bytes(boot_.serialOffset, id); });
 }
 
-Ref<Filesys> FatVolume::openFiles(Ref<Interfaces::Storage> storage, Access access) const
+Ref<Filesys> FatVolume::openFiles(Ref<Interfaces::Storage> storage, Access access, std::uint32_t) const
 {
     return FatFilesys::open(std::move(storage), boot_, access);
 }

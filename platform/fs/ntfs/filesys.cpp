@@ -24,6 +24,7 @@ extern "C" {
 #include <ntfs-3g/device.h>
 #include <ntfs-3g/dir.h>
 #include <ntfs-3g/inode.h>
+#include <ntfs-3g/logfile.h>
 #include <ntfs-3g/unistr.h>
 #include <ntfs-3g/volume.h>
 }
@@ -309,34 +310,42 @@ NtfsFilesys::NtfsFilesys(std::unique_ptr<Mount> mount, Access access) : FacadeBa
 
 NtfsFilesys::~NtfsFilesys() = default;
 
+namespace {
+
+// libntfs-3g's mount over our storage; null with errno set.
+std::unique_ptr<NtfsFilesys::Mount> mountStorage(const Ref<Interfaces::Storage>& storage, unsigned long flags)
+{
+    ntfs_log_set_handler(ntfs_log_handler_null);
+    auto mount = std::make_unique<NtfsFilesys::Mount>();
+    mount->data = std::make_unique<Device>(Device{storage, 0});
+    mount->device = ntfs_device_alloc("postclone-ntfs", 0, &storageOperations, mount->data.get());
+    if (!mount->device)
+        return nullptr;
+    mount->volume = ntfs_device_mount(mount->device, flags);
+    if (!mount->volume) {
+        const int error = errno;
+        ntfs_device_free(mount->device);
+        errno = error;
+        return nullptr;
+    }
+    ntfs_create_lru_caches(mount->volume);
+    ntfs_set_ignore_case(mount->volume);
+    return mount;
+}
+
+} // namespace
+
 Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, Access access, bool force)
 {
     if (!storage)
         return {};
-    ntfs_log_set_handler(ntfs_log_handler_null);
-    const auto tryMount = [&](unsigned long flags) -> std::unique_ptr<Mount> {
-        auto mount = std::make_unique<Mount>();
-        mount->data = std::make_unique<Device>(Device{storage, 0});
-        mount->device = ntfs_device_alloc("postclone-ntfs", 0, &storageOperations, mount->data.get());
-        if (!mount->device)
-            return nullptr;
-        mount->volume = ntfs_device_mount(mount->device, flags);
-        if (!mount->volume) {
-            const int error = errno;
-            ntfs_device_free(mount->device);
-            errno = error;
-            return nullptr;
-        }
-        ntfs_create_lru_caches(mount->volume);
-        ntfs_set_ignore_case(mount->volume);
-        return mount;
-    };
     const bool readOnly = access == Access::ReadOnly;
-    auto mount = tryMount(readOnly ? NTFS_MNT_RDONLY : force ? NTFS_MNT_IGNORE_HIBERFILE | NTFS_MNT_RECOVER : 0);
+    auto mount =
+        mountStorage(storage, readOnly ? NTFS_MNT_RDONLY : force ? NTFS_MNT_IGNORE_HIBERFILE | NTFS_MNT_RECOVER : 0);
     if (!mount && !readOnly && errno == EPERM) {
         // Hibernated, or a log Windows did not close: look, but do not touch.
         access = Access::ReadOnly;
-        mount = tryMount(NTFS_MNT_RDONLY);
+        mount = mountStorage(storage, NTFS_MNT_RDONLY);
         if (mount)
             LogMessage(ntfsChannel(), LogWarning)
                 << "The NTFS volume is hibernated or was not shut down cleanly; it is open read-only";
@@ -346,6 +355,30 @@ Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, Access acce
         return {};
     }
     return makeRef<NtfsFilesys>(std::move(mount), access);
+}
+
+std::optional<bool> NtfsFilesys::logClean(Ref<Interfaces::Storage> storage)
+{
+    const auto mount = storage ? mountStorage(storage, NTFS_MNT_RDONLY) : nullptr;
+    if (!mount) {
+        setError();
+        return std::nullopt;
+    }
+    ntfs_inode* log = ntfs_inode_open(mount->volume, FILE_LogFile);
+    ntfs_attr* data = log ? ntfs_attr_open(log, AT_DATA, AT_UNNAMED, 0) : nullptr;
+    std::optional<bool> clean;
+    if (data) {
+        // The check hands back the newest restart page; clean means no client is still logging.
+        RESTART_PAGE_HEADER* restart = nullptr;
+        clean = ntfs_check_logfile(data, &restart) && ntfs_is_logfile_clean(data, restart);
+        std::free(restart);
+        ntfs_attr_close(data);
+    } else {
+        setError();
+    }
+    if (log)
+        ntfs_inode_close(log);
+    return clean;
 }
 
 std::shared_ptr<NtfsFilesys::OpenData> NtfsFilesys::openData(const std::string& path)

@@ -74,9 +74,9 @@ bool NtfsVolume::writeVolumeId(std::span<const std::uint8_t> id)
     return updateBootSector([&](ByteWriter& out) { out.bytes(kVolumeSerial, id); });
 }
 
-Ref<Filesys> NtfsVolume::openFiles(Ref<Interfaces::Storage> storage, Access access) const
+Ref<Filesys> NtfsVolume::openFiles(Ref<Interfaces::Storage> storage, Access access, std::uint32_t flags) const
 {
-    return NtfsFilesys::open(std::move(storage), access);
+    return NtfsFilesys::open(std::move(storage), access, (flags & OpenFlags::DiscardWindowsSession) != 0);
 }
 
 } // namespace Platform

@@ -24,7 +24,7 @@ public:
 
     std::uint32_t type() const override { return FsNtfs; }
     Ref<ByteArray> volumeId() const override;
-    Ref<Filesys> openFiles(Ref<Interfaces::Storage> storage, Access access) const override;
+    Ref<Filesys> openFiles(Ref<Interfaces::Storage> storage, Access access, std::uint32_t flags) const override;
 
 protected:
     bool writeVolumeId(std::span<const std::uint8_t> id) override;

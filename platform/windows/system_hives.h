@@ -1,0 +1,17 @@
+#pragma once
+// Where a Windows installation keeps its machine hives: Windows/System32/config, found in any
+// letter case.
+
+#include "platform/fs/filesys.h"
+
+#include <optional>
+#include <string>
+
+namespace Platform::Windows::Utils {
+
+// The real path of Windows/System32/config/SYSTEM on fs, or nothing when fs holds no Windows.
+std::optional<std::string> findSystemRegistryHive(Filesys& fs);
+// The same for Windows/System32/config/SOFTWARE.
+std::optional<std::string> findSoftwareRegistryHive(Filesys& fs);
+
+} // namespace Platform::Windows::Utils

@@ -1,0 +1,175 @@
+#include "postprocessing/windows/fresh_start.h"
+
+#include "platform/core/error.h"
+#include "platform/windows/system_hives.h"
+#include "postprocessing/keeper_entries.h"
+#include "postprocessing/log_channels.h"
+#include "postprocessing/windows/windows_volume.h"
+
+namespace Libraries::KRO::PostProcessing::Windows {
+
+namespace {
+
+using Platform::Error;
+using Platform::Filesys;
+using Platform::OpenFlags::ReadWriteExisting;
+
+constexpr const char* kHiberfile = "/hiberfil.sys";
+constexpr const char* kBootStatus = "/Windows/bootstat.dat";
+constexpr std::uint64_t kCleanShutdownOffset = 11;
+constexpr u32 kHiveFlags = 32;
+
+Platform::LogMessage error()
+{
+    return Platform::LogMessage(Channels::windows(), LogError);
+}
+
+// fn over the file system of every target partition, folded; a partition without one is passed.
+StepResult foldWindowsVolumes(const Ref<Keeper>& keeper, bool discardSession,
+                              const std::function<StepResult(const WindowsVolume&, StepResult sofar)>& fn)
+{
+    if (keeperMissing(keeper, Channels::windows()))
+        return StepResult::Failed;
+    StepResult result = StepResult::NothingFound;
+    for (const u64 partition : entriesOf(*keeper, KindPartition)) {
+        const auto volume = WindowsVolume::open(keeper, partition, discardSession);
+        if (volume.files())
+            result = fn(volume, result);
+    }
+    return result;
+}
+
+// The file opened for writing; null when it is not there (quietly) or cannot be opened (logged,
+// failed set).
+Ref<Platform::File> openExisting(const WindowsVolume& volume, const char* path, const char* name, bool& failed)
+{
+    Filesys& fs = *volume.files();
+    if (volume.refused()) {
+        // Only a volume that holds the file is refused.
+        if (fs.openFile(path, Platform::OpenFlags::Read) && !volume.mayChange(name))
+            failed = true;
+        return {};
+    }
+    Error::set(Error::None);
+    auto file = fs.openFile(path, ReadWriteExisting);
+    if (!file && Error::get() != Error::PathNotFound) {
+        error() << "Could not open " << name << ": " << Error::get();
+        failed = true;
+    }
+    return file;
+}
+
+StepResult flushed(Filesys& fs)
+{
+    if (fs.flush())
+        return StepResult::Ok;
+    error() << "Could not flush file system";
+    return StepResult::Failed;
+}
+
+StepResult purgeOne(Filesys& fs, Platform::File& file)
+{
+    const std::uint8_t zeros[4] = {};
+    if (file.write(zeros, sizeof zeros) != sizeof zeros) {
+        error() << "Could not write to hiberfil.sys";
+        return StepResult::Failed;
+    }
+    return flushed(fs);
+}
+
+StepResult markCleanShutdown(Filesys& fs, Platform::File& file)
+{
+    if (file.size() < kCleanShutdownOffset + 1 || !file.seek(kCleanShutdownOffset)) {
+        error() << "Could not seek bootstat.dat";
+        return StepResult::Failed;
+    }
+    const std::uint8_t clean = 0x01;
+    if (file.write(&clean, 1) != 1) {
+        error() << "Could not write to bootstat.dat";
+        return StepResult::Failed;
+    }
+    return flushed(fs);
+}
+
+// Ok only when both client-id values went and the ping id did not refuse to go.
+StepResult clearUpdateValues(Platform::Hive::HiveFile& hive)
+{
+    const auto root = hive.root();
+    const auto key = root ? root->find("/Microsoft/Windows/CurrentVersion/WindowsUpdate") : nullptr;
+    if (!key)
+        return StepResult::NothingFound;
+    int removed = 0;
+    for (const char* name : {"SusClientId", "SusClientIdValidation"})
+        removed += removeUpdateValue(*key, name) == StepResult::Ok ? 1 : 0;
+    removeUpdateValue(*key, "AccountDomainSid");
+    const StepResult ping = removeUpdateValue(*key, "PingID");
+    return removed == 2 && ping != StepResult::Failed ? StepResult::Ok : StepResult::NothingFound;
+}
+
+StepResult clearUpdateClientIdOf(const WindowsVolume& volume, StepResult sofar)
+{
+    const auto& fs = volume.files();
+    const auto path = Platform::Windows::Utils::findSoftwareRegistryHive(*fs);
+    if (!path)
+        return sofar;
+    if (!volume.mayChange("the software hive " + *path))
+        return StepResult::Failed;
+    const auto hive = Platform::Hive::Utils::openHive(fs, *path, true, 0, kHiveFlags);
+    if (!hive || !hive->writable()) {
+        error() << "Could not open hive " << *path;
+        return StepResult::Failed;
+    }
+    // A removal that failed only withholds "Ok".
+    if (sofar != StepResult::Failed && clearUpdateValues(*hive) == StepResult::Ok)
+        sofar = StepResult::Ok;
+    if (!hive->flush()) {
+        error() << "Flush failed for hive";
+        return StepResult::Failed;
+    }
+    return sofar;
+}
+
+} // namespace
+
+StepResult purgeHiberfile(Ref<Keeper> keeper)
+{
+    // This step is what lets a hibernated volume be opened for writing.
+    return foldWindowsVolumes(keeper, true, [](const WindowsVolume& volume, StepResult sofar) {
+        bool failed = false;
+        const auto file = openExisting(volume, kHiberfile, "hiberfil.sys", failed);
+        if (failed)
+            return StepResult::Failed;
+        return file ? foldResult(sofar, purgeOne(*volume.files(), *file)) : sofar;
+    });
+}
+
+StepResult setCleanShutdown(Ref<Keeper> keeper)
+{
+    return foldWindowsVolumes(keeper, keeper && keeper->isEnabled(StepHiberfile),
+                              [](const WindowsVolume& volume, StepResult sofar) {
+                                  bool failed = false;
+                                  const auto file = openExisting(volume, kBootStatus, "bootstat.dat", failed);
+                                  if (failed)
+                                      return StepResult::Failed;
+                                  return file ? foldResult(sofar, markCleanShutdown(*volume.files(), *file)) : sofar;
+                              });
+}
+
+StepResult clearUpdateClientId(Ref<Keeper> keeper)
+{
+    return foldWindowsVolumes(keeper, keeper && keeper->isEnabled(StepHiberfile), clearUpdateClientIdOf);
+}
+
+StepResult removeUpdateValue(Platform::Hive::KeyNode& key, const std::string& name)
+{
+    const auto value = key.value(name);
+    if (!value)
+        return StepResult::NothingFound;
+    if (!key.deleteValue(value)) {
+        Platform::LogMessage(Channels::windows(), LogWarning) << "Could not remove SusClient" << name;
+        return StepResult::Failed;
+    }
+    return StepResult::Ok;
+}
+
+} // namespace Libraries::KRO::PostProcessing::Windows
