@@ -154,9 +154,15 @@ std::string windowsText(const std::string& target, const Found& found)
         << (info.state.hibernation.empty() ? "none" : "hibernated (\"" + info.state.hibernation + "\")");
     if (info.hiberfileSize)
         out << ", hiberfil.sys " << *info.hiberfileSize << " bytes";
-    out << "\n  NTFS log: " << (!info.state.logClean ? "unknown" : *info.state.logClean ? "clean" : "NOT clean") << "\n";
+    out << "\n  NTFS log: "
+        << (!info.state.logClean   ? "unknown"
+            : *info.state.logClean ? "clean"
+                                   : "NOT clean")
+        << "\n";
     out << "  last shutdown (bootstat.dat byte 11): "
-        << (!info.bootStatus ? "no bootstat.dat" : *info.bootStatus == 1 ? "1, clean" : std::to_string(*info.bootStatus))
+        << (!info.bootStatus        ? "no bootstat.dat"
+            : *info.bootStatus == 1 ? "1, clean"
+                                    : std::to_string(*info.bootStatus))
         << "\n";
     out << "  BitLocker: no\n";
     out << "  update client id: " << (info.updateClientId ? "present" : "none") << "\n";

@@ -33,7 +33,8 @@ std::string VolumeState::sessionReason() const
     if (!hibernation.empty())
         reason = "it is hibernated (hiberfil.sys starts with \"" + hibernation + "\")";
     if (logClean == false)
-        reason += std::string(reason.empty() ? "its" : " and its") + " NTFS log says Windows did not shut it down cleanly";
+        reason +=
+            std::string(reason.empty() ? "its" : " and its") + " NTFS log says Windows did not shut it down cleanly";
     return reason;
 }
 

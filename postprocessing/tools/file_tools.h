@@ -21,7 +21,7 @@ namespace Tools {
 bool temporaryFolderUsable(std::string& problem);
 
 struct TargetFileSystem {
-    Ref<Platform::Filesys> fs;              // null when there is no usable file system
+    Ref<Platform::Filesys> fs;        // null when there is no usable file system
     Ref<Interfaces::Storage> storage; // null for a host folder or file named by path
 };
 // The target file system of a partition entry (kind 1, or its kind-8 storage entry): a node path

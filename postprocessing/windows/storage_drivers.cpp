@@ -40,12 +40,11 @@ constexpr DriverEntry kRaid[] = {
 };
 
 constexpr DriverGroup kGroups[] = {
-    {StepIde, kIde},     {StepAhci, kAhci},   {StepNvme, kNvme}, {StepUsb, kUsb},
-    {StepUsb3, kUsb3},   {StepAtapi, kAtapi}, {StepRaid, kRaid},
+    {StepIde, kIde},   {StepAhci, kAhci},   {StepNvme, kNvme}, {StepUsb, kUsb},
+    {StepUsb3, kUsb3}, {StepAtapi, kAtapi}, {StepRaid, kRaid},
 };
 
-constexpr CriticalDeviceEntry kIdeCriticalDevice = {"pci#cc_0101", "{4D36E96A-E325-11CE-BFC1-08002BE10318}",
-                                                    "pciide"};
+constexpr CriticalDeviceEntry kIdeCriticalDevice = {"pci#cc_0101", "{4D36E96A-E325-11CE-BFC1-08002BE10318}", "pciide"};
 
 } // namespace
 

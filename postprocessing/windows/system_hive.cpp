@@ -166,7 +166,8 @@ StepResult adjustCurrentControlSet(const Ref<Keeper>& keeper, u64 id, Platform::
     }
     const auto controlSet = getControlSetKey(hive, current);
     if (!controlSet) {
-        error() << "Libraries::KRO::PostProcessing::adjustCurrentControlSetCould not get controlset key for " << current;
+        error() << "Libraries::KRO::PostProcessing::adjustCurrentControlSetCould not get controlset key for "
+                << current;
         failEnabledSubSteps(*keeper);
         return StepResult::Failed;
     }
@@ -229,8 +230,9 @@ StepResult adjustControlSetDrivers(const Ref<Keeper>& keeper, Platform::Filesys&
     }
     const auto services = controlSet->subkey("Services");
     if (!services) {
-        error() << "Libraries::KRO::PostProcessing::adjustControlSetDrivers: Could not get Services set for control set "
-                << controlSet->name();
+        error()
+            << "Libraries::KRO::PostProcessing::adjustControlSetDrivers: Could not get Services set for control set "
+            << controlSet->name();
         for (const auto& group : storageDriverGroups())
             if (keeper->isEnabled(group.step))
                 recordOutcome(*keeper, group.step, StepResult::Failed);

@@ -45,7 +45,6 @@ struct WindowsInfo {
 
 // The state of the volume alone when it is encrypted; nothing when fs holds no system hive.
 // storage: the volume under fs, when there is one.
-std::optional<WindowsInfo> describeWindows(const Ref<Platform::Filesys>& fs,
-                                           const Ref<Interfaces::Storage>& storage);
+std::optional<WindowsInfo> describeWindows(const Ref<Platform::Filesys>& fs, const Ref<Interfaces::Storage>& storage);
 
 } // namespace Libraries::KRO::PostProcessing::Windows

@@ -45,13 +45,11 @@ WindowsVolume WindowsVolume::open(const Ref<Keeper>& keeper, u64 partition, bool
         return volume;
     }
     target.fs = {};
-    volume.fs_ = Tools::openTargetFileSystem(keeper, partition, FileSystemByPath | DiscardWindowsSession,
-                                             Access::ReadWrite)
-                     .fs;
+    volume.fs_ =
+        Tools::openTargetFileSystem(keeper, partition, FileSystemByPath | DiscardWindowsSession, Access::ReadWrite).fs;
     if (volume.fs_ && !state.hibernation.empty() && !clearHibernationSignature(*volume.fs_)) {
-        LogMessage(Channels::windows(), LogError)
-            << volume.name_ << ": " << state.sessionReason()
-            << ", and its hibernation file could not be purged; it is left alone";
+        LogMessage(Channels::windows(), LogError) << volume.name_ << ": " << state.sessionReason()
+                                                  << ", and its hibernation file could not be purged; it is left alone";
         volume.refusal_ = state.sessionReason();
         volume.fs_ = {};
         return volume;

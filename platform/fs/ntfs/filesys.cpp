@@ -340,8 +340,9 @@ Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, Access acce
     if (!storage)
         return {};
     const bool readOnly = access == Access::ReadOnly;
-    auto mount =
-        mountStorage(storage, readOnly ? NTFS_MNT_RDONLY : force ? NTFS_MNT_IGNORE_HIBERFILE | NTFS_MNT_RECOVER : 0);
+    auto mount = mountStorage(storage, readOnly ? NTFS_MNT_RDONLY
+                                       : force  ? NTFS_MNT_IGNORE_HIBERFILE | NTFS_MNT_RECOVER
+                                                : 0);
     if (!mount && !readOnly && errno == EPERM) {
         // Hibernated, or a log Windows did not close: look, but do not touch.
         access = Access::ReadOnly;

@@ -93,8 +93,8 @@ TEST_F(FreshStart, TheCleanShutdownByteNeedsTwelveBytes)
     shorter.writeFile("Windows/bootstat.dat", std::vector<std::uint8_t>(11, 0));
 
     EXPECT_EQ(setCleanShutdown(keeperFor({exact.root()})), StepResult::Ok);
-    EXPECT_EQ(bytesOf(exact.root() + "/Windows/bootstat.dat"), (std::vector<std::uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                                                                            0, 1}));
+    EXPECT_EQ(bytesOf(exact.root() + "/Windows/bootstat.dat"),
+              (std::vector<std::uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
     EXPECT_EQ(setCleanShutdown(keeperFor({shorter.root(), exact.root()})), StepResult::Failed);
     EXPECT_TRUE(log.sink().contains("PP Win", 4, "Could not seek bootstat.dat"));
     EXPECT_EQ(bytesOf(shorter.root() + "/Windows/bootstat.dat"), std::vector<std::uint8_t>(11, 0));

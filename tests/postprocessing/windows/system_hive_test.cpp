@@ -226,8 +226,7 @@ TEST_F(SystemHiveStep, TheComputerNameComesFromTheNearestParentAndGoesIntoBothVa
     const std::string hive = windows.systemHive();
     EXPECT_EQ(hivexget(hive, "\\ControlSet001\\Control\\ComputerName\\ComputerName", "ComputerName"), "COPY-07");
     EXPECT_EQ(hivexget(hive, "\\ControlSet001\\Services\\Tcpip\\Parameters", "NV Hostname"), "COPY-07");
-    EXPECT_EQ(hivexget(hive, "\\ControlSet002\\Control\\ComputerName\\ComputerName", "ComputerName"),
-              "WIN-V5T3CSP8U4H")
+    EXPECT_EQ(hivexget(hive, "\\ControlSet002\\Control\\ComputerName\\ComputerName", "ComputerName"), "WIN-V5T3CSP8U4H")
         << "only the current set";
 
     // The partition's own name wins over the disk's.
