@@ -55,8 +55,8 @@ protected:
     void installWindows(const std::string& image, int partition, const std::string& hive, bool withLogs,
                         const std::vector<std::string>& drivers)
     {
-        for (const char* folder : {"/Windows", "/Windows/System32", "/Windows/System32/config",
-                                   "/Windows/System32/drivers"})
+        for (const char* folder :
+             {"/Windows", "/Windows/System32", "/Windows/System32/config", "/Windows/System32/drivers"})
             ASSERT_EQ(run({POSTCLONE_BINARY, "fs", "mkdir", image, std::to_string(partition), folder}).exitCode, 0);
         const std::string local = dir.file(hive);
         TestSupport::unpackHive(hive, local);
@@ -82,17 +82,20 @@ protected:
                "setval 4\nProductName\nstring:Windows 10 Pro\nCurrentMajorVersionNumber\ndword:0x0000000a\n"
                "CurrentMinorVersionNumber\ndword:0x00000000\nCurrentBuildNumber\nstring:22631\n"
                "cd \\Microsoft\nadd Windows\ncd Windows\nadd CurrentVersion\ncd CurrentVersion\n"
-               "add WindowsUpdate\ncd WindowsUpdate\nsetval 4\nSusClientId\nstring:5b1e4b6a-0c33-4f55-9f4e-1c2d3e4f5a6b\n"
+               "add WindowsUpdate\ncd WindowsUpdate\nsetval "
+               "4\nSusClientId\nstring:5b1e4b6a-0c33-4f55-9f4e-1c2d3e4f5a6b\n"
                "SusClientIdValidation\nhex:3:06,02,00,01\nPingID\nstring:0d5e7b0c-1111-2222-3333-444455556666\n"
                "AccountDomainSid\nstring:S-1-5-21-1-2-3\ncommit\n";
-        runTool({"sh", "-c", "chmod u+w '" + path + "' && hivexsh -w '" + path + "' < '" + dir.file("software.hsh") + "'"});
+        runTool(
+            {"sh", "-c", "chmod u+w '" + path + "' && hivexsh -w '" + path + "' < '" + dir.file("software.hsh") + "'"});
         return path;
     }
     // Partition n of the image as a file of its own, for the tools that read a bare volume.
     std::string partitionOf(const std::string& image, int partition)
     {
         const std::string part = dir.file("p" + std::to_string(partition));
-        runTool({"dd", "if=" + image, "of=" + part, "bs=1M", "skip=" + std::to_string(1 + (partition - 1) * kPartitionMiB),
+        runTool({"dd", "if=" + image, "of=" + part, "bs=1M",
+                 "skip=" + std::to_string(1 + (partition - 1) * kPartitionMiB),
                  "count=" + std::to_string(kPartitionMiB), "status=none"});
         return part;
     }
@@ -125,9 +128,9 @@ TEST_F(WindowsImage, TwoWindowsGetTheirDriversNameAndFirstStartFilesAndTheVolume
     EXPECT_EQ(before[0]["product"]["name"], "Windows 11 Pro") << "build 22631 names itself Windows 10";
     EXPECT_EQ(before[0]["mounted_devices"][0]["disk_signature"], "5CBEA03E");
 
-    const auto result = run({POSTCLONE_BINARY, "--enable", "ahci", "--enable", "ide", "--enable", "computer-name",
-                             "--computer-name", "NEWPC", "--enable", "hiberfile", "--enable", "clean-shutdown",
-                             "--enable", "wsus-id", "--json", image});
+    const auto result =
+        run({POSTCLONE_BINARY, "--enable", "ahci", "--enable", "ide", "--enable", "computer-name", "--computer-name",
+             "NEWPC", "--enable", "hiberfile", "--enable", "clean-shutdown", "--enable", "wsus-id", "--json", image});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const auto report = nlohmann::json::parse(result.out)["steps"];
     for (const int slot : {13, 14, 15, 16, 17, 18})
@@ -145,13 +148,12 @@ TEST_F(WindowsImage, TwoWindowsGetTheirDriversNameAndFirstStartFilesAndTheVolume
         EXPECT_EQ(runTool({"hivexget", system, set + "\\Services\\Tcpip\\Parameters", "NV Hostname"}), "NEWPC\n");
         EXPECT_EQ(runTool({"hivexget", system, set + "\\Services\\pciide", "Start"}), "0\n");
         const std::string software = fileOf(volume, "/Windows/System32/config/SOFTWARE");
-        EXPECT_EQ(run({"hivexget", software, "\\Microsoft\\Windows\\CurrentVersion\\WindowsUpdate", "SusClientId"})
-                      .exitCode,
-                  1);
+        EXPECT_EQ(
+            run({"hivexget", software, "\\Microsoft\\Windows\\CurrentVersion\\WindowsUpdate", "SusClientId"}).exitCode,
+            1);
         const std::string hiberfile = fileOf(volume, "/hiberfil.sys");
         EXPECT_EQ(std::filesystem::file_size(hiberfile), 256u << 10);
-        EXPECT_EQ(TestSupport::readAt(fileOf(volume, "/Windows/bootstat.dat"), 11, 1),
-                  std::vector<std::uint8_t>{1});
+        EXPECT_EQ(TestSupport::readAt(fileOf(volume, "/Windows/bootstat.dat"), 11, 1), std::vector<std::uint8_t>{1});
     }
     const std::string first = fileOf(partitionOf(image, 1), "/Windows/System32/config/SYSTEM");
     EXPECT_EQ(runTool({"hivexget", first, "\\ControlSet001\\Services\\msahci", "Start"}), "0\n");
