@@ -1,7 +1,5 @@
 #include "platform/windows/volume_state.h"
 
-#include "platform/fs/ntfs/filesys.h"
-
 #include <array>
 #include <cstring>
 #include <vector>
@@ -66,7 +64,7 @@ VolumeState inspectVolume(const Ref<Interfaces::Storage>& storage, Filesys* fs)
     if (fs)
         state.hibernation = hibernationSignature(*fs);
     if (oem == kNtfsOemId)
-        state.logClean = NtfsFilesys::logClean(storage);
+        state.logClean = Filesys::ntfsLogClean(storage);
     return state;
 }
 

@@ -6,6 +6,9 @@
 #include "platform/storage/window_storage.h"
 #include "postprocessing/keeper.h"
 
+#include <string>
+#include <vector>
+
 namespace TestSupport {
 
 inline std::uint64_t addDiskWithPartitions(Libraries::KRO::PostProcessing::Keeper& keeper,
@@ -24,6 +27,24 @@ inline std::uint64_t addDiskWithPartitions(Libraries::KRO::PostProcessing::Keepe
                         0);
     }
     return disk;
+}
+
+// A disk entry with one partition per host folder (the folder is the partition's file system), the
+// given steps switched on, and the computer name, when there is one, set on the disk.
+inline Platform::Ref<Libraries::KRO::PostProcessing::Keeper> keeperForFolders(const std::vector<std::string>& roots,
+                                                                              const std::vector<std::int32_t>& enabled,
+                                                                              const std::string& computerName = "")
+{
+    namespace PP = Libraries::KRO::PostProcessing;
+    auto keeper = PP::Keeper::create();
+    const PP::u64 disk = keeper->addEntry(PP::KindDisk, {}, {}, 0, 0);
+    if (!computerName.empty())
+        keeper->addEntry(PP::KindComputerName, {}, {PP::Variant::string(computerName)}, disk, 0);
+    for (const auto& root : roots)
+        keeper->addEntry(PP::KindPartition, {}, {PP::Variant::string(root)}, disk, 0);
+    for (const std::int32_t step : enabled)
+        keeper->setEnabled(step, true);
+    return keeper;
 }
 
 } // namespace TestSupport

@@ -7,6 +7,7 @@
 #include "platform/log/log.h"
 #include "postprocessing/windows/system_hive.h"
 #include "tests/support/command.h"
+#include "tests/support/keeper_builder.h"
 #include "tests/support/windows_tree.h"
 
 #include <gtest/gtest.h>
@@ -53,13 +54,7 @@ class FreshStart : public ::testing::Test {
 protected:
     Ref<Keeper> keeperFor(const std::vector<std::string>& roots, const std::vector<s32>& enabled = {})
     {
-        auto keeper = Keeper::create();
-        const u64 disk = keeper->addEntry(KindDisk, {}, {}, 0, 0);
-        for (const auto& root : roots)
-            keeper->addEntry(KindPartition, {}, {Variant::string(root)}, disk, 0);
-        for (const s32 step : enabled)
-            keeper->setEnabled(step, true);
-        return keeper;
+        return TestSupport::keeperForFolders(roots, enabled);
     }
     std::string folder(const std::string& name)
     {

@@ -6,6 +6,7 @@
 #include "platform/log/log.h"
 #include "postprocessing/windows/computer_name.h"
 #include "tests/support/command.h"
+#include "tests/support/keeper_builder.h"
 #include "tests/support/windows_tree.h"
 
 #include <gtest/gtest.h>
@@ -33,19 +34,10 @@ std::vector<char> bytesOf(const std::string& path)
 
 class SystemHiveStep : public ::testing::Test {
 protected:
-    // A disk entry with one partition per folder; the computer name, when given, on the disk.
     Ref<Keeper> keeperFor(const std::vector<std::string>& roots, const std::vector<s32>& enabled,
                           const std::string& computerName = "")
     {
-        auto keeper = Keeper::create();
-        const u64 disk = keeper->addEntry(KindDisk, {}, {}, 0, 0);
-        if (!computerName.empty())
-            keeper->addEntry(KindComputerName, {}, {Variant::string(computerName)}, disk, 0);
-        for (const auto& root : roots)
-            keeper->addEntry(KindPartition, {}, {Variant::string(root)}, disk, 0);
-        for (const s32 step : enabled)
-            keeper->setEnabled(step, true);
-        return keeper;
+        return TestSupport::keeperForFolders(roots, enabled, computerName);
     }
     std::string folder(const std::string& name)
     {
