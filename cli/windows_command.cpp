@@ -1,6 +1,7 @@
 #include "cli/windows_command.h"
 
 #include "cli/step_names.h"
+#include "cli/terminal.h"
 #include "platform/core/string_util.h"
 #include "platform/partman/partition_manager.h"
 #include "platform/storage/file_storage.h"
@@ -191,6 +192,9 @@ int runWindowsCommand(int argc, char** argv)
         args.erase(args.begin());
     if (args.empty())
         return failure(kUsage, kUsageText);
+    // Log lines go to stderr, so that stdout holds only the listing (or the JSON object).
+    SysLogStream::install(std::make_shared<StderrLog>());
+    SysLogFilter::setLevel(LogWarning);
     Json targets = Json::array();
     std::string text;
     int status = kDone;
