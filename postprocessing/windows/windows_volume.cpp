@@ -54,9 +54,10 @@ WindowsVolume WindowsVolume::open(const Ref<Keeper>& keeper, u64 partition, bool
         volume.fs_ = {};
         return volume;
     }
-    LogMessage(Channels::windows(), LogNotice)
-        << volume.name_ << ": " << state.sessionReason()
-        << "; that session is discarded, since this run purges the hibernation file";
+    if (volume.fs_)
+        LogMessage(Channels::windows(), LogNotice)
+            << volume.name_ << ": " << state.sessionReason()
+            << "; that session is discarded, since this run purges the hibernation file";
     return volume;
 }
 
