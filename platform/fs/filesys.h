@@ -77,9 +77,9 @@ public:
     virtual bool flush() = 0;
     virtual bool readOnly() const = 0;
 
-    // Whether Windows shut the NTFS volume on storage down cleanly, as its log says; nothing (Error
-    // set) when the storage holds no NTFS or its log cannot be read.
-    static std::optional<bool> ntfsLogClean(Ref<Interfaces::Storage> storage);
+    // Whether Windows shut the volume down cleanly, as its NTFS log says; nothing for the other
+    // file systems, or when the log cannot be read.
+    virtual std::optional<bool> windowsLogClean() { return std::nullopt; }
 
     // Where the facades say why they refuse a file system or an operation.
     static LogChannel channel();

@@ -5,7 +5,6 @@
 #include "platform/core/error.h"
 #include "platform/fs/filesys_base.h"
 #include "platform/fs/host/filesys.h"
-#include "platform/fs/ntfs/filesys.h"
 #include "platform/fs/staged_filesys.h"
 #include "platform/storage/file_storage.h"
 
@@ -40,11 +39,6 @@ Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t fla
     return StagedFilesys::open(std::move(storage), [volume, flags](Ref<Interfaces::Storage> staged) {
         return volume->openFiles(std::move(staged), Access::ReadWrite, flags);
     });
-}
-
-std::optional<bool> Filesys::ntfsLogClean(Ref<Interfaces::Storage> storage)
-{
-    return NtfsFilesys::logClean(std::move(storage));
 }
 
 } // namespace Platform

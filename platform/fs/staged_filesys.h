@@ -30,6 +30,7 @@ public:
     bool removeFile(const std::string& path) override;
     bool flush() override;
     bool readOnly() const override { return family_->readOnly(); }
+    std::optional<bool> windowsLogClean() override { return family_->windowsLogClean(); }
 
     // For its files: the result of an operation that may have staged writes; a failure that
     // did stage some breaks the facade.

@@ -10,7 +10,6 @@ namespace {
 
 constexpr std::size_t kOemIdOffset = 3;
 constexpr std::string_view kBitLockerOemId = "-FVE-FS-";
-constexpr std::string_view kNtfsOemId = "NTFS    ";
 constexpr std::array<std::string_view, 4> kSessionSignatures = {"hibr", "HIBR", "wake", "RSTR"};
 
 std::string oemId(Interfaces::Storage& storage)
@@ -56,15 +55,14 @@ std::string hibernationSignature(Filesys& fs)
 VolumeState inspectVolume(const Ref<Interfaces::Storage>& storage, Filesys* fs)
 {
     VolumeState state;
-    const std::string oem = storage ? oemId(*storage) : std::string();
-    if (oem == kBitLockerOemId) {
+    if (storage && isBitLocker(*storage)) {
         state.encrypted = true;
         return state;
     }
-    if (fs)
+    if (fs) {
         state.hibernation = hibernationSignature(*fs);
-    if (oem == kNtfsOemId)
-        state.logClean = Filesys::ntfsLogClean(storage);
+        state.logClean = fs->windowsLogClean();
+    }
     return state;
 }
 

@@ -24,39 +24,34 @@ Platform::LogMessage error()
     return Platform::LogMessage(Channels::windows(), LogError);
 }
 
-// fn over the file system of every target partition, folded; a partition without one is passed.
+// fn on every target partition's volume that has files, folded.
 StepResult foldWindowsVolumes(const Ref<Keeper>& keeper, bool discardSession,
-                              const std::function<StepResult(const WindowsVolume&, StepResult sofar)>& fn)
+                              const std::function<StepResult(const WindowsVolume&)>& fn)
 {
-    if (keeperMissing(keeper, Channels::windows()))
-        return StepResult::Failed;
-    StepResult result = StepResult::NothingFound;
-    for (const u64 partition : entriesOf(*keeper, KindPartition)) {
+    return foldOverEntries(keeper, KindPartition, Channels::windows(), StepResult::Failed, [&](u64 partition) {
         const auto volume = WindowsVolume::open(keeper, partition, discardSession);
-        if (volume.files())
-            result = fn(volume, result);
-    }
-    return result;
+        return volume.files() ? fn(volume) : StepResult::NothingFound;
+    });
 }
 
-// The file opened for writing; null when it is not there (quietly) or cannot be opened (logged,
-// failed set).
-Ref<Platform::File> openExisting(const WindowsVolume& volume, const char* path, const char* name, bool& failed)
+// change on the file at path opened for writing; NothingFound (quietly) when it is not there.
+StepResult changeExistingFile(const WindowsVolume& volume, const char* path, const char* name,
+                              const std::function<StepResult(Filesys&, Platform::File&)>& change)
 {
     Filesys& fs = *volume.files();
     if (volume.refused()) {
         // Only a volume that holds the file is refused.
-        if (fs.openFile(path, Platform::OpenFlags::Read) && !volume.mayChange(name))
-            failed = true;
-        return {};
+        const bool holdsIt = fs.openFile(path, Platform::OpenFlags::Read) != nullptr;
+        return holdsIt && !volume.mayChange(name) ? StepResult::Failed : StepResult::NothingFound;
     }
     Error::set(Error::None);
-    auto file = fs.openFile(path, ReadWriteExisting);
-    if (!file && Error::get() != Error::PathNotFound) {
-        error() << "Could not open " << name << ": " << Error::get();
-        failed = true;
-    }
-    return file;
+    const auto file = fs.openFile(path, ReadWriteExisting);
+    if (file)
+        return change(fs, *file);
+    if (Error::get() == Error::PathNotFound)
+        return StepResult::NothingFound;
+    error() << "Could not open " << name << ": " << Error::get();
+    return StepResult::Failed;
 }
 
 StepResult flushed(Filesys& fs)
@@ -106,12 +101,12 @@ StepResult clearUpdateValues(Platform::Hive::HiveFile& hive)
     return removed == 2 && ping != StepResult::Failed ? StepResult::Ok : StepResult::NothingFound;
 }
 
-StepResult clearUpdateClientIdOf(const WindowsVolume& volume, StepResult sofar)
+StepResult clearUpdateClientIdOf(const WindowsVolume& volume)
 {
     const auto& fs = volume.files();
     const auto path = Platform::Windows::Utils::findSoftwareRegistryHive(*fs);
     if (!path)
-        return sofar;
+        return StepResult::NothingFound;
     if (!volume.mayChange("the software hive " + *path))
         return StepResult::Failed;
     const auto hive = Platform::Hive::Utils::openHive(fs, *path, true, 0, kHiveFlags);
@@ -120,13 +115,12 @@ StepResult clearUpdateClientIdOf(const WindowsVolume& volume, StepResult sofar)
         return StepResult::Failed;
     }
     // A removal that failed only withholds "Ok".
-    if (sofar != StepResult::Failed && clearUpdateValues(*hive) == StepResult::Ok)
-        sofar = StepResult::Ok;
+    const StepResult cleared = clearUpdateValues(*hive);
     if (!hive->flush()) {
         error() << "Flush failed for hive";
         return StepResult::Failed;
     }
-    return sofar;
+    return cleared;
 }
 
 } // namespace
@@ -134,25 +128,16 @@ StepResult clearUpdateClientIdOf(const WindowsVolume& volume, StepResult sofar)
 StepResult purgeHiberfile(Ref<Keeper> keeper)
 {
     // This step is what lets a hibernated volume be opened for writing.
-    return foldWindowsVolumes(keeper, true, [](const WindowsVolume& volume, StepResult sofar) {
-        bool failed = false;
-        const auto file = openExisting(volume, kHiberfile, "hiberfil.sys", failed);
-        if (failed)
-            return StepResult::Failed;
-        return file ? foldResult(sofar, purgeOne(*volume.files(), *file)) : sofar;
+    return foldWindowsVolumes(keeper, true, [](const WindowsVolume& volume) {
+        return changeExistingFile(volume, kHiberfile, "hiberfil.sys", purgeOne);
     });
 }
 
 StepResult setCleanShutdown(Ref<Keeper> keeper)
 {
-    return foldWindowsVolumes(keeper, keeper && keeper->isEnabled(StepHiberfile),
-                              [](const WindowsVolume& volume, StepResult sofar) {
-                                  bool failed = false;
-                                  const auto file = openExisting(volume, kBootStatus, "bootstat.dat", failed);
-                                  if (failed)
-                                      return StepResult::Failed;
-                                  return file ? foldResult(sofar, markCleanShutdown(*volume.files(), *file)) : sofar;
-                              });
+    return foldWindowsVolumes(keeper, keeper && keeper->isEnabled(StepHiberfile), [](const WindowsVolume& volume) {
+        return changeExistingFile(volume, kBootStatus, "bootstat.dat", markCleanShutdown);
+    });
 }
 
 StepResult clearUpdateClientId(Ref<Keeper> keeper)

@@ -358,14 +358,9 @@ Ref<NtfsFilesys> NtfsFilesys::open(Ref<Interfaces::Storage> storage, Access acce
     return makeRef<NtfsFilesys>(std::move(mount), access);
 }
 
-std::optional<bool> NtfsFilesys::logClean(Ref<Interfaces::Storage> storage)
+std::optional<bool> NtfsFilesys::windowsLogClean()
 {
-    const auto mount = storage ? mountStorage(storage, NTFS_MNT_RDONLY) : nullptr;
-    if (!mount) {
-        setError();
-        return std::nullopt;
-    }
-    ntfs_inode* log = ntfs_inode_open(mount->volume, FILE_LogFile);
+    ntfs_inode* log = ntfs_inode_open(mount_->volume, FILE_LogFile);
     ntfs_attr* data = log ? ntfs_attr_open(log, AT_DATA, AT_UNNAMED, 0) : nullptr;
     std::optional<bool> clean;
     if (data) {

@@ -19,11 +19,10 @@ public:
     // Null when the storage holds no NTFS libntfs-3g can mount. force: a hibernated volume or one
     // with an open log is opened for writing anyway, its log reset.
     static Ref<NtfsFilesys> open(Ref<Interfaces::Storage> storage, Access access, bool force = false);
-    // Whether the volume's log says Windows shut it down cleanly; nothing (Error set) when the
-    // volume or its log cannot be read.
-    static std::optional<bool> logClean(Ref<Interfaces::Storage> storage);
 
     Ref<Directory> openDirectory(const std::string& path) override;
+    // Read from the mounted volume's $LogFile.
+    std::optional<bool> windowsLogClean() override;
 
     NtfsFilesys(std::unique_ptr<Mount> mount, Access access);
     ~NtfsFilesys() override;
