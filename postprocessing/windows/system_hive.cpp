@@ -144,12 +144,11 @@ StepResult adjustSystemHives(Ref<Keeper> keeper)
 {
     if (keeperMissing(keeper, Channels::windows()))
         return StepResult::Failed;
-    // Enabled sub-steps fold over every Windows found from here on.
+    // Enabled sub-steps fold over every Windows found from here on; switched-off groups read
+    // "Not activated" only once a hive was looked at.
     for (const s32 step : subSteps())
         if (keeper->isEnabled(step))
             keeper->setResult(step, StepResult::NotAccessed);
-        else if (step != StepComputerName)
-            keeper->setResult(step, StepResult::NotActivated);
     StepResult result = StepResult::NothingFound;
     for (const u64 partition : entriesOf(*keeper, KindPartition))
         result = foldResult(result, adjustSystemHiveOf(keeper, partition));
