@@ -50,7 +50,7 @@ void readVersion(KeyNode& key, InstalledSystem& system)
 std::optional<InstalledSystem> getInstalledSystem(const Ref<Filesys>& fs)
 {
     const auto path = fs ? findSoftwareRegistryHive(*fs) : std::nullopt;
-    const auto hive = path ? Hive::Utils::openHive(fs, *path, false, 0, 32) : nullptr;
+    const auto hive = path ? openMachineHive(fs, *path, false) : nullptr;
     const auto root = hive ? hive->root() : nullptr;
     const auto key = root ? root->find("Microsoft/Windows NT/CurrentVersion") : nullptr;
     const auto product = key ? text(*key, "ProductName") : std::nullopt;

@@ -3,6 +3,7 @@
 // letter case.
 
 #include "platform/fs/filesys.h"
+#include "platform/hive/hive_file.h"
 
 #include <optional>
 #include <string>
@@ -13,5 +14,7 @@ namespace Platform::Windows::Utils {
 std::optional<std::string> findSystemRegistryHive(Filesys& fs);
 // The same for Windows/System32/config/SOFTWARE.
 std::optional<std::string> findSoftwareRegistryHive(Filesys& fs);
+// A machine hive at path, opened as the Windows steps open it (codepage 0, flags 32).
+Ref<Hive::HiveFile> openMachineHive(const Ref<Filesys>& fs, const std::string& path, bool writable);
 
 } // namespace Platform::Windows::Utils

@@ -17,7 +17,6 @@ using Platform::OpenFlags::ReadWriteExisting;
 constexpr const char* kHiberfile = "/hiberfil.sys";
 constexpr const char* kBootStatus = "/Windows/bootstat.dat";
 constexpr std::uint64_t kCleanShutdownOffset = 11;
-constexpr u32 kHiveFlags = 32;
 
 Platform::LogMessage error()
 {
@@ -109,7 +108,7 @@ StepResult clearUpdateClientIdOf(const WindowsVolume& volume)
         return StepResult::NothingFound;
     if (!volume.mayChange("the software hive " + *path))
         return StepResult::Failed;
-    const auto hive = Platform::Hive::Utils::openHive(fs, *path, true, 0, kHiveFlags);
+    const auto hive = Platform::Windows::Utils::openMachineHive(fs, *path, true);
     if (!hive || !hive->writable()) {
         error() << "Could not open hive " << *path;
         return StepResult::Failed;

@@ -16,7 +16,6 @@ using Platform::LogMessage;
 
 constexpr u32 kRegSz = 1;
 constexpr u32 kRegDword = 4;
-constexpr u32 kHiveFlags = 32;
 
 LogMessage error()
 {
@@ -63,7 +62,7 @@ StepResult adjustSystemHiveOf(const Ref<Keeper>& keeper, u64 partition)
         failEnabledSubSteps(*keeper);
         return StepResult::Failed;
     }
-    const auto hive = Platform::Hive::Utils::openHive(fs, *path, true, 0, kHiveFlags);
+    const auto hive = Platform::Windows::Utils::openMachineHive(fs, *path, true);
     if (!hive || !hive->writable()) {
         error() << "Could not open hive " << *path;
         failEnabledSubSteps(*keeper);

@@ -12,7 +12,6 @@ namespace {
 using Platform::Hive::HiveFile;
 
 constexpr std::size_t kMaxName = 256;
-constexpr u32 kHiveFlags = 32;
 
 std::string textAt(const Ref<KeyNode>& from, const std::string& path, const std::string& name)
 {
@@ -76,7 +75,7 @@ void readFiles(Platform::Filesys& fs, WindowsInfo& info)
 bool hasUpdateClientId(const Ref<Platform::Filesys>& fs)
 {
     const auto path = Platform::Windows::Utils::findSoftwareRegistryHive(*fs);
-    const auto hive = path ? Platform::Hive::Utils::openHive(fs, *path, false, 0, kHiveFlags) : nullptr;
+    const auto hive = path ? Platform::Windows::Utils::openMachineHive(fs, *path, false) : nullptr;
     const auto root = hive ? hive->root() : nullptr;
     const auto key = root ? root->find("Microsoft/Windows/CurrentVersion/WindowsUpdate") : nullptr;
     return key && key->value("SusClientId");
@@ -94,7 +93,7 @@ std::optional<WindowsInfo> describeWindows(const Ref<Platform::Filesys>& fs, con
     if (!path)
         return std::nullopt;
     info.systemHive = *path;
-    if (const auto hive = Platform::Hive::Utils::openHive(fs, *path, false, 0, kHiveFlags))
+    if (const auto hive = Platform::Windows::Utils::openMachineHive(fs, *path, false))
         readSystemHive(*hive, info);
     info.system = Platform::Windows::Utils::getInstalledSystem(fs);
     readFiles(*fs, info);
