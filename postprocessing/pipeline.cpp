@@ -16,9 +16,11 @@
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/tools/file_tools.h"
+#include "postprocessing/windows/bcd_creation.h"
 #include "postprocessing/windows/fresh_start.h"
 #include "postprocessing/windows/lba_patch.h"
 #include "postprocessing/windows/system_hive.h"
+#include "postprocessing/windows/volume_mappings.h"
 
 #include <string>
 
@@ -304,6 +306,9 @@ const PipelineSteps& PipelineSteps::builtIn()
         built.adjustFsOffset = Common::adjustFsOffset;
         built.transferOrAdjustPartitionType = Common::transferOrAdjustPartitionType;
         built.adjustPartitionType = Common::adjustPartitionType;
+        built.createBCD = Windows::createBCD;
+        built.adjustBcd = Windows::adjustBcd;
+        built.adjustMountedDevices = Windows::adjustMountedDevices;
         built.adjustSystemHives = Windows::adjustSystemHives;
         built.purgeHiberfile = Windows::purgeHiberfile;
         built.setCleanShutdown = Windows::setCleanShutdown;

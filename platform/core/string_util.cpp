@@ -39,6 +39,13 @@ bool StringUtil::endsWith(std::string_view text, std::string_view suffix) noexce
     return text.ends_with(suffix);
 }
 
+bool StringUtil::endsWith(std::string_view text, std::string_view suffix, bool ignoreCase)
+{
+    if (!ignoreCase || suffix.size() > text.size())
+        return text.ends_with(suffix);
+    return lower(text.substr(text.size() - suffix.size())) == lower(suffix);
+}
+
 std::string_view StringUtil::ltrim(std::string_view text) noexcept
 {
     const auto first = text.find_first_not_of(" \t");

@@ -16,6 +16,8 @@ public:
     static std::string join(const std::vector<std::string>& pieces, std::string_view separator);
     static bool startsWith(std::string_view text, std::string_view prefix) noexcept;
     static bool endsWith(std::string_view text, std::string_view suffix) noexcept;
+    // ignoreCase: ASCII letters match in either case (".EFI" ends with ".efi").
+    static bool endsWith(std::string_view text, std::string_view suffix, bool ignoreCase);
     // Removes leading blanks and tabs.
     static std::string_view ltrim(std::string_view text) noexcept;
     // ASCII letter case; ids are hex text.

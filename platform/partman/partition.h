@@ -61,6 +61,8 @@ public:
     // types count for their file systems); the type a new partition for it should get.
     static bool validTypeUUID(std::uint32_t fsType, const Guid& typeUuid);
     static Guid defaultTypeUUID(std::uint32_t fsType, TableType table);
+    // The EFI system partition's type: its GPT GUID, or the MBR type 0xEF.
+    static bool isEfiSystemType(const Guid& typeUuid);
 
 private:
     friend class MbrPartitionTable;

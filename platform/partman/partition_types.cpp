@@ -132,4 +132,11 @@ Guid Partition::defaultTypeUUID(std::uint32_t fsType, TableType table)
     return Guid{};
 }
 
+bool Partition::isEfiSystemType(const Guid& typeUuid)
+{
+    constexpr std::uint8_t kMbrEfiSystem = 0xEF;
+    std::uint8_t mbrType = 0;
+    return typeUuid == kEfiSystem || (mbrTypeFromUUID(typeUuid, mbrType) && mbrType == kMbrEfiSystem);
+}
+
 } // namespace Platform

@@ -40,4 +40,40 @@ MountedDevice decodeMountedDevice(std::span<const std::uint8_t> data)
     return device;
 }
 
+std::optional<VolumeIdentity> identityOf(const MountedDevice& device)
+{
+    VolumeIdentity identity;
+    switch (device.form) {
+    case MountedDevice::Form::MbrPartition:
+        identity.disk.resize(kMbrDiskIdSize);
+        identity.partition.resize(kByteOffsetSize);
+        {
+            ByteWriter disk(identity.disk), offset(identity.partition);
+            disk.u32(0, device.diskSignature);
+            offset.u64(0, device.byteOffset);
+            if (!disk.ok() || !offset.ok())
+                return std::nullopt;
+        }
+        return identity;
+    case MountedDevice::Form::GptPartition:
+        identity.partition.assign(device.partitionGuid.begin(), device.partitionGuid.end());
+        return identity;
+    case MountedDevice::Form::DevicePath:
+        break;
+    }
+    return std::nullopt;
+}
+
+std::vector<std::uint8_t> encodeMountedDevice(const VolumeIdentity& identity)
+{
+    if (identity.gpt()) {
+        std::vector<std::uint8_t> record(kGptPrefix.begin(), kGptPrefix.end());
+        record.insert(record.end(), identity.partition.begin(), identity.partition.end());
+        return record;
+    }
+    std::vector<std::uint8_t> record(identity.disk);
+    record.insert(record.end(), identity.partition.begin(), identity.partition.end());
+    return record;
+}
+
 } // namespace Platform::Windows

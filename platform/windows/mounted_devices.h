@@ -4,11 +4,13 @@
 // its byte offset, a GPT partition by "DMIO:ID:" and its GUID; other devices by a device path.
 
 #include "platform/core/guid.h"
+#include "platform/windows/volume_identity.h"
 
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace Platform::Windows {
 
@@ -22,5 +24,10 @@ struct MountedDevice {
 };
 
 MountedDevice decodeMountedDevice(std::span<const std::uint8_t> data);
+
+// The partition a record names (a GPT record names no disk); nothing for a device path.
+std::optional<VolumeIdentity> identityOf(const MountedDevice& device);
+// The record that names identity: 12 bytes on an MBR disk, 24 on a GPT disk.
+std::vector<std::uint8_t> encodeMountedDevice(const VolumeIdentity& identity);
 
 } // namespace Platform::Windows

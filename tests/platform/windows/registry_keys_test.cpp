@@ -2,7 +2,7 @@
 // hivexregedit, regfexport and our engine must agree afterwards, and every key the script did
 // not touch must export exactly as before.
 
-#include "postprocessing/windows/registry_keys.h"
+#include "platform/windows/registry_keys.h"
 
 #include "platform/core/bytes.h"
 #include "platform/core/error.h"
@@ -18,7 +18,7 @@
 #include <map>
 #include <sstream>
 
-namespace Libraries::KRO::PostProcessing::Windows {
+namespace Platform::Windows {
 namespace {
 
 using namespace Platform;
@@ -230,4 +230,4 @@ TEST(RegistryKeys, CopyStreamsBinaryDataInChunksAndStopsAtTypesItCannotCopy)
 }
 
 } // namespace
-} // namespace Libraries::KRO::PostProcessing::Windows
+} // namespace Platform::Windows

@@ -1,14 +1,13 @@
-#include "postprocessing/windows/registry_keys.h"
+#include "platform/windows/registry_keys.h"
 
-#include "postprocessing/log_channels.h"
+#include "platform/windows/log_channel.h"
 
 #include <memory>
 
-namespace Libraries::KRO::PostProcessing::Windows {
+namespace Platform::Windows {
 
 namespace {
 
-using Platform::Ref;
 using Platform::Hive::ValueNode;
 
 constexpr std::size_t kMaxString = 0x10000;
@@ -16,7 +15,7 @@ constexpr std::size_t kChunk = 0x10000;
 
 bool fail(const std::string& message)
 {
-    LogMessage(Channels::windows(), LogError) << message;
+    LogMessage(channel(), LogError) << message;
     return false;
 }
 
@@ -113,4 +112,4 @@ bool deleteRegistryKey(const Ref<KeyNode>& parent, const Ref<KeyNode>& key)
     return parent->removeKey(key);
 }
 
-} // namespace Libraries::KRO::PostProcessing::Windows
+} // namespace Platform::Windows

@@ -4,14 +4,14 @@
 
 #include "platform/hive/hive_file.h"
 
-namespace Libraries::KRO::PostProcessing::Windows {
+namespace Platform::Windows {
 
 using Platform::Hive::KeyNode;
 
 // Copies every subkey (depth first, before the values) and every value of source into
 // destination, which exists already and keeps its name. Nothing is rolled back on failure.
-bool copyRegistryKey(const Platform::Ref<KeyNode>& source, const Platform::Ref<KeyNode>& destination);
+bool copyRegistryKey(const Ref<KeyNode>& source, const Ref<KeyNode>& destination);
 // Deletes everything below key, then key itself from parent.
-bool deleteRegistryKey(const Platform::Ref<KeyNode>& parent, const Platform::Ref<KeyNode>& key);
+bool deleteRegistryKey(const Ref<KeyNode>& parent, const Ref<KeyNode>& key);
 
-} // namespace Libraries::KRO::PostProcessing::Windows
+} // namespace Platform::Windows
