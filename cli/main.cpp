@@ -1,5 +1,6 @@
 // postclone: post-processes cloned, restored or migrated disks so that they boot and are unique.
 
+#include "cli/bcd_command.h"
 #include "cli/fs_command.h"
 #include "cli/options.h"
 #include "cli/plan.h"
@@ -32,6 +33,8 @@ int main(int argc, char** argv)
         return Cli::runFsCommand(argc, argv);
     if (argc > 1 && std::string_view(argv[1]) == "reg")
         return Cli::runRegCommand(argc, argv);
+    if (argc > 1 && std::string_view(argv[1]) == "bcd")
+        return Cli::runBcdCommand(argc, argv);
     if (argc > 1 && std::string_view(argv[1]) == "windows")
         return Cli::runWindowsCommand(argc, argv);
     const auto parsed = Cli::parseCommandLine(argc, argv);

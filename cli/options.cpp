@@ -49,24 +49,32 @@ std::optional<DiskIdNames> parseDiskIdNames(const std::string& text)
     return DiskIdNames{parts[0], parts[1], parts[2], parts[3]};
 }
 
-// "PART=DIR" for the first target, or "T:PART=DIR" for the T-th.
-std::optional<MountedPartition> parseMounted(const std::string& text)
+// "PART" for the first target, or "T:PART" for the T-th.
+std::optional<PartitionPath> parsePartition(std::string head)
 {
-    const auto equals = text.find('=');
-    if (equals == std::string::npos || equals + 1 == text.size())
-        return std::nullopt;
-    std::string head = text.substr(0, equals);
-    MountedPartition mounted{0, 0, text.substr(equals + 1)};
+    PartitionPath partition{0, 0, {}};
     if (const auto colon = head.find(':'); colon != std::string::npos) {
         std::size_t target = 0;
         if (!Platform::StrConv::num(head.substr(0, colon), target) || target == 0)
             return std::nullopt;
-        mounted.target = target - 1;
+        partition.target = target - 1;
         head = head.substr(colon + 1);
     }
-    if (!Platform::StrConv::num(head, mounted.partition) || mounted.partition == 0)
+    if (!Platform::StrConv::num(head, partition.partition) || partition.partition == 0)
         return std::nullopt;
-    return mounted;
+    return partition;
+}
+
+// "[T:]PART=PATH".
+std::optional<PartitionPath> parsePartitionPath(const std::string& text)
+{
+    const auto equals = text.find('=');
+    if (equals == std::string::npos || equals + 1 == text.size())
+        return std::nullopt;
+    auto partition = parsePartition(text.substr(0, equals));
+    if (partition)
+        partition->path = text.substr(equals + 1);
+    return partition;
 }
 
 } // namespace
@@ -78,7 +86,8 @@ ParseResult parseCommandLine(int argc, char** argv)
     Options options;
     std::vector<std::string> enabled, disabled;
     std::string geometry;
-    std::vector<std::string> diskIdNames, mounted;
+    std::vector<std::string> diskIdNames, mounted, efiPartitions;
+    std::string bcdTemplate;
 
     app.add_option("TARGET", options.targets, "Disk image file or block device to post-process");
     app.add_option("--source", options.sources, "Source disk of the n-th TARGET (repeatable)")->allow_extra_args(false);
@@ -94,6 +103,12 @@ ParseResult parseCommandLine(int argc, char** argv)
         ->allow_extra_args(false);
     app.add_option("--mounted", mounted, "[T:]PART=DIR: partition PART of TARGET T (default 1) is mounted at DIR")
         ->allow_extra_args(false);
+    app.add_option("--efi-partition", efiPartitions,
+                   "[T:]PART: partition PART of TARGET T is the EFI system partition (default: by its type)")
+        ->allow_extra_args(false);
+    app.add_option("--bcd-template", bcdTemplate,
+                   "[T:]PART=PATH: the store a new boot configuration is made from (default: the newest Windows' "
+                   "Windows/System32/config/BCD-Template)");
     app.add_flag("--json", options.json, "Print the report as one JSON object");
     app.add_option("--log-level", options.logLevel, "Lowest log level printed to stderr (1 detail .. 4 errors)")
         ->check(CLI::Range(1, 5));
@@ -119,11 +134,19 @@ ParseResult parseCommandLine(int argc, char** argv)
         options.diskIdNames.push_back(*names);
     }
     for (const auto& text : mounted) {
-        const auto entry = parseMounted(text);
+        const auto entry = parsePartitionPath(text);
         if (!entry)
             return {std::nullopt, kUsageError, "--mounted wants [T:]PART=DIR, got '" + text + "'"};
         options.mounted.push_back(*entry);
     }
+    for (const auto& text : efiPartitions) {
+        const auto entry = parsePartition(text);
+        if (!entry)
+            return {std::nullopt, kUsageError, "--efi-partition wants [T:]PART, got '" + text + "'"};
+        options.efiPartitions.push_back(*entry);
+    }
+    if (!bcdTemplate.empty() && !(options.bcdTemplate = parsePartitionPath(bcdTemplate)))
+        return {std::nullopt, kUsageError, "--bcd-template wants [T:]PART=PATH, got '" + bcdTemplate + "'"};
     if (options.listSteps)
         return {std::move(options), 0, {}};
     if (options.targets.empty())
@@ -136,6 +159,14 @@ ParseResult parseCommandLine(int argc, char** argv)
         if (entry.target >= options.targets.size())
             return {std::nullopt, kUsageError,
                     "--mounted names TARGET " + std::to_string(entry.target + 1) + ", which is not given"};
+    for (const auto& entry : options.efiPartitions)
+        if (entry.target >= options.targets.size())
+            return {std::nullopt, kUsageError,
+                    "--efi-partition names TARGET " + std::to_string(entry.target + 1) + ", which is not given"};
+    if (options.bcdTemplate && options.bcdTemplate->target >= options.targets.size())
+        return {std::nullopt, kUsageError,
+                "--bcd-template names TARGET " + std::to_string(options.bcdTemplate->target + 1) +
+                    ", which is not given"};
     return {std::move(options), 0, {}};
 }
 

@@ -24,11 +24,12 @@ struct DiskIdNames {
     std::string oldModel, oldSerial, newModel, newSerial;
 };
 
-// A partition of a target that is already mounted: its files are edited in that folder.
-struct MountedPartition {
+// A partition of a target, with a path: where it is mounted (its files are edited in that
+// folder), or a file on it.
+struct PartitionPath {
     std::size_t target; // 0-based
     unsigned partition; // as Linux numbers it
-    std::string folder;
+    std::string path;
 };
 
 struct Options {
@@ -39,7 +40,9 @@ struct Options {
     std::optional<std::string> computerName;
     std::optional<Geometry> geometry;
     std::vector<DiskIdNames> diskIdNames; // the n-th for the n-th target
-    std::vector<MountedPartition> mounted;
+    std::vector<PartitionPath> mounted;
+    std::vector<PartitionPath> efiPartitions; // path empty
+    std::optional<PartitionPath> bcdTemplate; // path: the template store on that partition
     bool json = false;
     int logLevel = 2;
     bool listSteps = false;

@@ -1,5 +1,6 @@
 #include "cli/plan.h"
 
+#include "cli/windows_boot_plan.h"
 #include "platform/core/error.h"
 #include "platform/partman/partition_manager.h"
 #include "platform/storage/area_translator.h"
@@ -66,7 +67,7 @@ std::string mountedFolder(const Options& options, std::size_t target, unsigned p
 {
     for (const auto& entry : options.mounted)
         if (entry.target == target && entry.partition == partition)
-            return entry.folder;
+            return entry.path;
     return {};
 }
 
@@ -111,6 +112,9 @@ void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Re
             sourcePartition ? Platform::WindowStorage::create(source, sourcePartition->start(), sourcePartition->size())
                             : Ref<Platform::WindowStorage>();
         keeper.addObjectEntry(PP::KindPartitionStorage, sourceWindow, targetWindow, entry, 0);
+        if (isEfiPartition(options, targetIndex, partition->entryIndex() + 1,
+                           Platform::Partition::isEfiSystemType(partition->typeUuid())))
+            keeper.addEntry(PP::KindEfiMarker, {integer(1)}, {}, entry, 0);
 
         if (sourcePartition)
             copied.push_back(
@@ -161,6 +165,8 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusa
             return {};
         keeper->addObjectEntry(PP::KindDiskStorage, source, target, disk, 0);
         describePartitions(keeper, disk, target, source, options, i, refused);
+        if (!keeper->isEnabled(PP::StepDiskIds))
+            recordKeptDiskId(*keeper, disk, target, source);
         if (i < options.diskIdNames.size()) {
             const auto& names = options.diskIdNames[i];
             PP::PPHandler::addLinuxDiskIdString(keeper, disk, nameList(names.oldModel), nameList(names.oldSerial),
@@ -174,6 +180,8 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusa
         if (options.computerName)
             keeper->addEntry(PP::KindComputerName, {}, {PP::Variant::string(*options.computerName)}, disk, 0);
     }
+    if (keeper->isEnabled(PP::StepCreateBcd) && !keeper->isEnabled(PP::StepGptMigration))
+        recordBcdTemplate(keeper, options);
     return keeper;
 }
 

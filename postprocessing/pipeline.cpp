@@ -12,6 +12,7 @@
 #include "postprocessing/common/volume_ids.h"
 #include "postprocessing/keeper_entries.h"
 #include "postprocessing/linux/boot_references.h"
+#include "postprocessing/linux/efi_boot_partition.h"
 #include "postprocessing/linux/fstab.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
@@ -306,6 +307,7 @@ const PipelineSteps& PipelineSteps::builtIn()
         built.adjustFsOffset = Common::adjustFsOffset;
         built.transferOrAdjustPartitionType = Common::transferOrAdjustPartitionType;
         built.adjustPartitionType = Common::adjustPartitionType;
+        built.migrateGpt = Linux::populateEfiBootPartition;
         built.createBCD = Windows::createBCD;
         built.adjustBcd = Windows::adjustBcd;
         built.adjustMountedDevices = Windows::adjustMountedDevices;

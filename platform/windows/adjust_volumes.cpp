@@ -30,7 +30,8 @@ VolumeIdentity::Bytes bytesOf(const Ref<ByteArray>& array)
     return {array->bytes().begin(), array->bytes().end()};
 }
 
-template <class Node, class Iterator> std::vector<Ref<Node>> collect(const Ref<Iterator>& iterator)
+template <class Node, class Iterator>
+std::vector<Ref<Node>> collect(const Ref<Iterator>& iterator)
 {
     std::vector<Ref<Node>> nodes;
     if (iterator)

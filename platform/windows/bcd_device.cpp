@@ -127,7 +127,8 @@ std::optional<BootDevice> decodeBootDevice(std::span<const std::uint8_t> data)
     return device;
 }
 
-std::vector<std::uint8_t> gptPartitionDevice(std::span<const std::uint8_t> partition, std::span<const std::uint8_t> disk)
+std::vector<std::uint8_t> gptPartitionDevice(std::span<const std::uint8_t> partition,
+                                             std::span<const std::uint8_t> disk)
 {
     std::vector<std::uint8_t> data(kPartitionDeviceSize, 0);
     ByteWriter writer(data);

@@ -15,7 +15,15 @@
 namespace Platform::Windows {
 
 // Element ids are 8 hex digits; bits 24..27 of the number say how the data reads.
-enum class ElementFormat { Device = 1, String = 2, Object = 3, ObjectList = 4, Integer = 5, Boolean = 6, IntegerList = 7 };
+enum class ElementFormat {
+    Device = 1,
+    String = 2,
+    Object = 3,
+    ObjectList = 4,
+    Integer = 5,
+    Boolean = 6,
+    IntegerList = 7
+};
 std::optional<ElementFormat> elementFormat(const std::string& elementId);
 
 enum class DeviceType : std::uint32_t { Block = 0, Boot = 5, Partition = 6, Locate = 8 };
@@ -42,6 +50,7 @@ bool writePartitionRecord(std::span<std::uint8_t> data, std::size_t body, const 
 
 // The 88-byte partition device element of a GPT partition; an id of another size leaves its
 // field zero.
-std::vector<std::uint8_t> gptPartitionDevice(std::span<const std::uint8_t> partition, std::span<const std::uint8_t> disk);
+std::vector<std::uint8_t> gptPartitionDevice(std::span<const std::uint8_t> partition,
+                                             std::span<const std::uint8_t> disk);
 
 } // namespace Platform::Windows

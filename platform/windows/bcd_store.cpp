@@ -46,17 +46,10 @@ std::string wellKnownObjectName(const std::string& guid)
 std::string objectTypeName(std::uint32_t type)
 {
     static const std::pair<std::uint32_t, const char*> kTypes[] = {
-        {0x10100001, "firmware boot manager"},
-        {0x10100002, "boot manager"},
-        {0x10200003, "OS loader"},
-        {0x10200004, "resume loader"},
-        {0x10200005, "memory tester"},
-        {0x10300006, "legacy loader"},
-        {0x101fffff, "firmware application"},
-        {0x20100000, "library settings"},
-        {0x20200003, "loader settings"},
-        {0x20200004, "resume settings"},
-        {0x30000000, "device options"},
+        {0x10100001, "firmware boot manager"}, {0x10100002, "boot manager"},     {0x10200003, "OS loader"},
+        {0x10200004, "resume loader"},         {0x10200005, "memory tester"},    {0x10300006, "legacy loader"},
+        {0x101fffff, "firmware application"},  {0x20100000, "library settings"}, {0x20200003, "loader settings"},
+        {0x20200004, "resume settings"},       {0x30000000, "device options"},
     };
     for (const auto& [known, name] : kTypes)
         if (type == known)

@@ -59,11 +59,11 @@ std::optional<std::pair<Ref<ByteArray>, Ref<ByteArray>>> mbrKeys(const Keeper& k
     const auto toSize = firstInteger(keeper.getTo(sizeEntry));
     const auto fromOffset = firstInteger(keeper.getFrom(offsetEntry));
     const auto fromSize = firstInteger(keeper.getFrom(sizeEntry));
-    const char* missing = !toOffset ? "No valid to offset"
-                          : !toSize ? "No valid to elementsize"
+    const char* missing = !toOffset     ? "No valid to offset"
+                          : !toSize     ? "No valid to elementsize"
                           : !fromOffset ? "No valid from offset"
-                          : !fromSize ? "No valid from elementsize"
-                                      : nullptr;
+                          : !fromSize   ? "No valid from elementsize"
+                                        : nullptr;
     if (missing) {
         error() << missing;
         return std::nullopt;
