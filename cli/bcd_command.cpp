@@ -88,7 +88,8 @@ Json deviceJson(const BootDevice& device, const Context& context)
         json["options"] = "{" + StringUtil::lower(guidToText(device.options)) + "}";
     if (device.location) {
         json["location"] = describeIdentity(*device.location);
-        const unsigned number = context.table ? partitionOnTarget(*context.table, context.sectorSize, *device.location) : 0;
+        const unsigned number =
+            context.table ? partitionOnTarget(*context.table, context.sectorSize, *device.location) : 0;
         json["target_partition"] = number ? Json(number) : Json();
     }
     if (!device.imagePath.empty())

@@ -48,9 +48,9 @@ std::optional<TemplateCandidate> newestTemplate(const Platform::Ref<PP::Keeper>&
     for (const PP::u64 partition : PP::entriesOf(*keeper, PP::KindPartition)) {
         const auto fs = readOnly(keeper, partition);
         const auto system = fs ? Platform::Windows::Utils::getInstalledSystem(fs) : std::nullopt;
-        const auto path =
-            system ? Platform::findPathIgnoringCase(*fs, {"Windows", "System32", "config", "BCD-Template"})
-                   : std::nullopt;
+        const auto path = system
+                              ? Platform::findPathIgnoringCase(*fs, {"Windows", "System32", "config", "BCD-Template"})
+                              : std::nullopt;
         if (!path)
             continue;
         if (!newest || system->major > newest->system.major ||
@@ -95,8 +95,8 @@ void recordBcdTemplate(const Platform::Ref<PP::Keeper>& keeper, const Options& o
     }
     if (!chosen)
         return; // the step says that it has no template
-    const PP::u64 mapping = keeper->addEntry(PP::KindBcdPath, {PP::Variant::string(chosen->path)},
-                                             {PP::Variant::string(kStorePath)}, 0, 0);
+    const PP::u64 mapping =
+        keeper->addEntry(PP::KindBcdPath, {PP::Variant::string(chosen->path)}, {PP::Variant::string(kStorePath)}, 0, 0);
     keeper->addObjectEntry(PP::KindBcdTemplateFs, nullptr, chosen->fs, mapping, 0);
 }
 

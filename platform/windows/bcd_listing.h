@@ -14,13 +14,13 @@ namespace Platform::Windows {
 struct ElementListing {
     std::string id;
     std::optional<ElementFormat> format;
-    std::optional<std::string> text;           // strings and object GUIDs
-    std::vector<std::string> objects;          // object lists
-    std::optional<std::uint64_t> integer;      // integers
-    std::optional<bool> boolean;               // booleans
-    std::vector<std::uint64_t> integers;       // integer lists
-    std::optional<BootDevice> device;          // devices
-    std::vector<std::uint8_t> data;            // the raw bytes of anything else
+    std::optional<std::string> text;      // strings and object GUIDs
+    std::vector<std::string> objects;     // object lists
+    std::optional<std::uint64_t> integer; // integers
+    std::optional<bool> boolean;          // booleans
+    std::vector<std::uint64_t> integers;  // integer lists
+    std::optional<BootDevice> device;     // devices
+    std::vector<std::uint8_t> data;       // the raw bytes of anything else
 };
 
 struct ObjectListing {

@@ -56,8 +56,8 @@ StepResult populateEfiBootPartition(Ref<Keeper> keeper)
             Platform::Migrate::Utils::populateEFIPartition(*path, target, targetTable);
         } else {
             const auto source = Tools::getFromStorage(keeper, disk);
-            Platform::Migrate::Utils::populateEFIPartition(source, Platform::PartitionManager::create(source, kSectorSize),
-                                                           target, targetTable);
+            Platform::Migrate::Utils::populateEFIPartition(
+                source, Platform::PartitionManager::create(source, kSectorSize), target, targetTable);
         }
         return StepResult::Ok;
     }

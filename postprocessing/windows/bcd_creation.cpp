@@ -12,6 +12,8 @@
 #include "postprocessing/tools/storage_resolution.h"
 #include "postprocessing/tools/uuid_helper.h"
 
+#include <algorithm>
+
 namespace Libraries::KRO::PostProcessing::Windows {
 
 namespace {
@@ -37,10 +39,10 @@ Ref<ByteArray> bytesOf(const ObjectRef& object)
     return Platform::refCast<ByteArray>(object);
 }
 
-const std::string* firstText(const VariantList& values)
+std::optional<std::string> firstText(const VariantList& values)
 {
     const std::string* text = values.empty() ? nullptr : values.front().asString();
-    return text && !text->empty() ? text : nullptr;
+    return text && !text->empty() ? std::optional(*text) : std::nullopt;
 }
 
 struct TemplateStore {
@@ -58,8 +60,8 @@ std::optional<TemplateStore> openTemplate(const Keeper& keeper, StepResult& outc
         outcome = StepResult::NothingFound;
         return std::nullopt;
     }
-    const std::string* source = firstText(keeper.getFrom(mapping));
-    const std::string* destination = firstText(keeper.getTo(mapping));
+    const auto source = firstText(keeper.getFrom(mapping));
+    const auto destination = firstText(keeper.getTo(mapping));
     if (!source || !destination) {
         error() << (source ? "BCD destination path is invalid" : "BCD source path is invalid");
         return std::nullopt;
@@ -118,6 +120,24 @@ bool isEfiPartition(const Keeper& keeper, u64 partition)
     return !from.empty() && from.front().asInteger() == 1u;
 }
 
+// The disk's partition entries by their start on the target (kind 2), so that boot entries come
+// in the order of the partitions; entries without a start keep the keeper's order, after them.
+std::vector<u64> inDiskOrder(const Keeper& keeper, u64 disk)
+{
+    std::vector<std::pair<u64, u64>> starts;
+    for (const u64 partition : entriesOf(keeper, KindPartition, disk)) {
+        const u64 offset = keeper.findNext(KindPartitionOffset, 0, partition);
+        const VariantList to = offset ? keeper.getTo(offset) : VariantList{};
+        const auto start = to.empty() ? std::nullopt : to.front().asInteger();
+        starts.emplace_back(start.value_or(~u64(0)), partition);
+    }
+    std::stable_sort(starts.begin(), starts.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<u64> ordered;
+    for (const auto& [start, partition] : starts)
+        ordered.push_back(partition);
+    return ordered;
+}
+
 std::string newEntryName()
 {
     const auto text = UUIDHelper::formatUUID(UUIDHelper::createRandom(), 'B', UUIDHelper::MixedEndian);
@@ -146,7 +166,7 @@ private:
         layout.diskId = newDiskId(keeper_, disk);
         detail() << "Got disk ID:" << Tools::hexBytes(layout.diskId.get());
         Ref<Filesys> efiFs;
-        for (const u64 partition : entriesOf(*keeper_, KindPartition, disk))
+        for (const u64 partition : inDiskOrder(*keeper_, disk))
             visitPartition(partition, layout, efiFs);
         if (!efiFs)
             return false;

@@ -14,6 +14,27 @@ void unpackHive(const std::string& name, const std::string& path)
     ASSERT_EQ(result.exitCode, 0) << result.err;
 }
 
+void writeSoftwareHive(const std::string& path, const std::string& product, unsigned major, unsigned minor,
+                       const std::string& build, const std::string& extra)
+{
+    unpackHive("BCD-Template-Win10", path);
+    const std::string version = major >= 10
+                                    ? "CurrentMajorVersionNumber\ndword:" + std::to_string(major) +
+                                          "\nCurrentMinorVersionNumber\ndword:" + std::to_string(minor)
+                                    : "CurrentVersion\nstring:" + std::to_string(major) + "." + std::to_string(minor);
+    const std::string script = "cd Objects\ndel\ncd \\\ncd Description\ndel\ncd \\\n"
+                               "add Microsoft\ncd Microsoft\nadd Windows NT\ncd Windows NT\nadd CurrentVersion\n"
+                               "cd CurrentVersion\nsetval " +
+                               std::string(major >= 10 ? "4" : "3") + "\nProductName\nstring:" + product + "\n" +
+                               version + "\nCurrentBuildNumber\nstring:" + build + "\ncd \\\n" + extra + "commit\n";
+    const std::string scriptPath = path + ".hsh";
+    std::ofstream(scriptPath) << script;
+    const auto result =
+        run({"sh", "-c", "chmod u+w '" + path + "' && hivexsh -w '" + path + "' < '" + scriptPath + "'"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    std::filesystem::remove(scriptPath);
+}
+
 WindowsTree::WindowsTree(std::string root, const std::string& systemHive, bool withLogs, const std::string& windows,
                          const std::string& system32)
     : root_(std::move(root)), system32_(root_ + "/" + windows + "/" + system32), config_(system32_ + "/config")

@@ -13,6 +13,12 @@ namespace TestSupport {
 // Unpacks fixtures/windows-hives/<name>.xz to path.
 void unpackHive(const std::string& name, const std::string& path);
 
+// A SOFTWARE hive at path that names product, version ("6.1" style before Windows 10, else
+// major.minor in the two DWORDs of Windows 10 on) and build; hivexsh builds it from a copy of the
+// BCD-Template fixture emptied of its keys. extra: more hivexsh lines, run at the root.
+void writeSoftwareHive(const std::string& path, const std::string& product, unsigned major, unsigned minor,
+                       const std::string& build, const std::string& extra = "");
+
 class WindowsTree {
 public:
     // root/<windows>/<system32>/config/SYSTEM from the fixture systemHive (its .LOG1/.LOG2 too when
