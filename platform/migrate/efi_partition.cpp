@@ -73,7 +73,7 @@ bool copyFile(Filesys& from, const std::string& source, Filesys& to, const std::
             return fail("Could not copy " + source + " to " + destination);
         done += length;
     }
-    return true;
+    return out->flush() || fail("Could not copy " + source + " to " + destination);
 }
 
 // Everything below source (a real path on from) into destination, folders made as needed.

@@ -209,16 +209,17 @@ private:
 
     Ref<Platform::Hive::HiveFile> copyTemplate(const Ref<Filesys>& efiFs)
     {
-        const auto destination = efiFs->openFile(template_.destination, CreateOrTruncate);
+        auto destination = efiFs->openFile(template_.destination, CreateOrTruncate);
         if (!destination) {
             error() << "Failed to create destination BCD: " << template_.destination;
             return nullptr;
         }
         detail() << "Copying BCD template to destination";
-        if (!template_.file->seek(0) || !Tools::copyFile(template_.file, destination)) {
+        if (!template_.file->seek(0) || !Tools::copyFile(template_.file, destination) || !destination->flush()) {
             error() << "Failed to copy BCD from " << template_.source << " to " << template_.destination;
             return nullptr;
         }
+        destination = nullptr; // closed, so that the store opens on what was written
         const auto store = Platform::Windows::Utils::openMachineHive(efiFs, template_.destination, true);
         if (!store || !store->writable()) {
             error() << "Failed to open BCD hive " << template_.destination << "; error: " << Platform::Error::get();

@@ -71,9 +71,13 @@ std::optional<std::pair<Ref<ByteArray>, Ref<ByteArray>>> mbrKeys(const Keeper& k
     return std::pair(byteOffset(*fromOffset * *fromSize), byteOffset(*toOffset * *toSize));
 }
 
+// Whether a mapping was added; one that maps a partition to itself on an unchanged disk changes
+// nothing and is left out.
 bool addMapping(AdjustWindowsVolumes& adjuster, const Ref<ByteArray>& fromKey, const Ref<ByteArray>& toKey,
                 const DiskIds& disk)
 {
+    if (fromKey && toKey && *fromKey == *toKey && *disk.from == *disk.to)
+        return false;
     if (adjuster.addMapping(fromKey, toKey, disk.from, disk.to))
         return true;
     error() << kWhere << "Could not add  partition mapping";

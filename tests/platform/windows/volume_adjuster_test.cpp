@@ -120,9 +120,10 @@ TEST_F(VolumeAdjuster, EveryDeviceOfTheRealStoreNamesTheNewDiskAndPartitionsAndN
     }
     EXPECT_EQ(onThisDisk, 9u) << "the three firmware entries name another disk and stay";
     EXPECT_EQ(ramdisks, 2u) << "the recovery loader's application and OS devices";
-    EXPECT_EQ(countOf(rawValue(store, "\\Objects\\{733b62e7-f608-11eb-825c-c112f60133ab}\\Elements\\31000003", "Element"),
-                      kNewPartitions[2]),
-              1u)
+    EXPECT_EQ(
+        countOf(rawValue(store, "\\Objects\\{733b62e7-f608-11eb-825c-c112f60133ab}\\Elements\\31000003", "Element"),
+                kNewPartitions[2]),
+        1u)
         << "the recovery options object";
     const auto check = TestSupport::run({"hivexregedit", "--export", store, "\\"});
     EXPECT_EQ(check.exitCode, 0) << check.err;

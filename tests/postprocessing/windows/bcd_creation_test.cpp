@@ -116,8 +116,8 @@ protected:
     }
     Bytes device(const std::string& object, const std::string& element) const
     {
-        const auto result = TestSupport::run(
-            {"hivexget", store(), "\\Objects\\" + object + "\\Elements\\" + element, "Element"});
+        const auto result =
+            TestSupport::run({"hivexget", store(), "\\Objects\\" + object + "\\Elements\\" + element, "Element"});
         return {result.out.begin(), result.out.end()};
     }
 
@@ -182,7 +182,8 @@ TEST_F(BcdCreation, WithoutATemplateMappingNothingIsFoundAndAMissingTemplateFail
     keeper->addObjectEntry(KindBcdTemplateFs, nullptr,
                            Platform::Filesys::create(dir.file("win1"), 0, Platform::Access::ReadOnly), mapping, 0);
     EXPECT_EQ(createBCD(keeper), StepResult::Failed);
-    EXPECT_TRUE(log.sink().contains("PP Win", Platform::LogError, "Failed to open BCD on source: /nowhere/BCD-Template"));
+    EXPECT_TRUE(
+        log.sink().contains("PP Win", Platform::LogError, "Failed to open BCD on source: /nowhere/BCD-Template"));
     EXPECT_FALSE(std::filesystem::exists(store()));
 }
 
