@@ -58,6 +58,15 @@ inline KeeperEntries entriesOf(const Keeper& keeper, u64 kind, u64 parent = 0)
     return {keeper, kind, parent};
 }
 
+// Whether the caller marked the partition entry as the EFI system partition (a kind-11 entry
+// whose first old value is 1).
+inline bool marksEfiPartition(const Keeper& keeper, u64 partition)
+{
+    const u64 marker = keeper.findNext(KindEfiMarker, 0, partition);
+    const VariantList from = marker ? keeper.getFrom(marker) : VariantList{};
+    return !from.empty() && from.front().asInteger() == 1u;
+}
+
 // Every step's first check: with no keeper it logs "No keeper object" on the step's channel, and
 // the step returns what its contract says for that case.
 inline bool keeperMissing(const Ref<Keeper>& keeper, Platform::LogChannel channel)

@@ -11,13 +11,6 @@ namespace {
 
 constexpr u32 kSectorSize = 512;
 
-bool marksEfiPartition(const Keeper& keeper, u64 partition)
-{
-    const u64 marker = keeper.findNext(KindEfiMarker, 0, partition);
-    const VariantList from = marker ? keeper.getFrom(marker) : VariantList{};
-    return !from.empty() && from.front().asInteger() == 1u;
-}
-
 bool hasEfiPartition(const Keeper& keeper, u64 disk)
 {
     for (const u64 partition : entriesOf(keeper, KindPartition, disk))

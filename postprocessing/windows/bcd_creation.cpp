@@ -113,13 +113,6 @@ Ref<ByteArray> partitionId(const Keeper& keeper, u64 partition)
     return bytes ? ByteArray::create(*bytes) : nullptr;
 }
 
-bool isEfiPartition(const Keeper& keeper, u64 partition)
-{
-    const u64 marker = keeper.findNext(KindEfiMarker, 0, partition);
-    const VariantList from = marker ? keeper.getFrom(marker) : VariantList{};
-    return !from.empty() && from.front().asInteger() == 1u;
-}
-
 // The disk's partition entries by their start on the target (kind 2), so that boot entries come
 // in the order of the partitions; entries without a start keep the keeper's order, after them.
 std::vector<u64> inDiskOrder(const Keeper& keeper, u64 disk)
@@ -182,7 +175,7 @@ private:
 
     void visitPartition(u64 partition, BootStoreLayout& layout, Ref<Filesys>& efiFs)
     {
-        const bool efi = isEfiPartition(*keeper_, partition);
+        const bool efi = marksEfiPartition(*keeper_, partition);
         // Only the EFI partition is written; a Windows is only read.
         const auto fs = efi ? Tools::getToFSItemFactory(keeper_, partition, 1)
                             : Tools::openTargetFileSystem(keeper_, partition, Platform::OpenFlags::FileSystemByPath,

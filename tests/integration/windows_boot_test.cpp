@@ -118,7 +118,8 @@ protected:
         const std::string templ = dir.file("BCD-Template" + std::to_string(partition));
         TestSupport::unpackHive(major >= 10 ? "BCD-Template-Win11" : "BCD-Template-Win10", templ);
         fs(image, partition, "put", "/Windows/System32/config/BCD-Template", templ);
-        fs(image, partition, "put", "/Windows/Boot/EFI/bootmgfw.efi", localFile("loader", "MZ boot manager " + product));
+        fs(image, partition, "put", "/Windows/Boot/EFI/bootmgfw.efi",
+           localFile("loader", "MZ boot manager " + product));
         fs(image, partition, "put", "/Windows/Boot/EFI/en-US/bootmgfw.efi.mui", localFile("mui", "MUI"));
         fs(image, partition, "put", "/Windows/Boot/Fonts/segmono_boot.ttf", localFile("font", "TTF"));
     }
@@ -221,8 +222,8 @@ TEST_F(WindowsBoot, TheRealStoreFollowsNewDiskAndPartitionGuidsByteForByte)
 
 TEST_F(WindowsBoot, ANewStoreAndAGptMigrationFillTheEfiPartitionForBothWindows)
 {
-    const std::string image = makeGpt(
-        "disk.img", "", {{40, "ef00", "", "fat"}, {60, "0700", "", "ntfs"}, {60, "0700", "", "ntfs"}});
+    const std::string image =
+        makeGpt("disk.img", "", {{40, "ef00", "", "fat"}, {60, "0700", "", "ntfs"}, {60, "0700", "", "ntfs"}});
     installWindows(image, 2, "Windows 7 Professional", 6, 1);
     installWindows(image, 3, "Windows 10 Pro", 10, 0);
     mkdirs(image, 1, "/EFI/Microsoft/Boot");
@@ -274,8 +275,8 @@ TEST_F(WindowsBoot, DriveLettersFollowANewSignatureAndAPartitionMovedFrom63To204
     const auto mbr = [&](const std::string& name, unsigned start) {
         const std::string image = dir.file(name);
         TestSupport::createImage(image, 64 * kMiB);
-        std::ofstream(dir.file("layout")) << "label: dos\nlabel-id: 0x5cbea03e\nstart=" << start
-                                          << ", size=100000, type=7\n";
+        std::ofstream(dir.file("layout"))
+            << "label: dos\nlabel-id: 0x5cbea03e\nstart=" << start << ", size=100000, type=7\n";
         runTool({"sh", "-c", "sfdisk -q '" + image + "' < '" + dir.file("layout") + "'"});
         const std::string part = dir.file("ntfs");
         TestSupport::createImage(part, 100000 * 512);
