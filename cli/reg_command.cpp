@@ -103,7 +103,9 @@ std::string hexBytes(const std::vector<std::uint8_t>& bytes)
     char pair[4];
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         std::snprintf(pair, sizeof pair, "%02x", bytes[i]);
-        text += (i ? "," : "") + std::string(pair);
+        if (i)
+            text += ',';
+        text += pair;
     }
     return text;
 }

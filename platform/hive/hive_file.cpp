@@ -9,6 +9,7 @@
 #include "platform/hive/names.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstring>
 
@@ -170,10 +171,13 @@ public:
             Error::set(Error::Invalid, "the value holds no number");
             return state_->fail();
         }
-        std::vector<std::uint8_t> bytes(kind == 11 ? 8 : 4);
-        for (std::size_t i = 0; i < bytes.size(); ++i)
-            bytes[kind == 5 ? 3 - i : i] = std::uint8_t(number >> (8 * i));
-        return setData(kind, bytes);
+        // Filled in a fixed buffer: GCC 12 at -O3 warns falsely (-Wstringop-overflow) on indexed
+        // stores into a vector of either size.
+        const std::size_t width = kind == 11 ? 8 : 4;
+        std::array<std::uint8_t, 8> buffer{};
+        for (std::size_t i = 0; i < width; ++i)
+            buffer[kind == 5 ? width - 1 - i : i] = std::uint8_t(number >> (8 * i)); // 5: big-endian
+        return setData(kind, std::vector<std::uint8_t>(buffer.begin(), buffer.begin() + std::ptrdiff_t(width)));
     }
 
     std::optional<std::vector<std::string>> getMultiString(std::size_t maxLength) override

@@ -181,7 +181,7 @@ private:
             return fail("Failed to retrieve ApplicationPath element in " + name + code + std::to_string(Error::get()));
         std::string windowsPath = StringUtil::replace(*text, "/", "\\");
         if (windowsPath.empty() || windowsPath.front() != '\\')
-            windowsPath.insert(0, "\\");
+            windowsPath = std::string(1, '\\').append(windowsPath); // not insert(0, ...): GCC 12 -O3 -Wrestrict
         if (!path->setString(windowsPath))
             return fail("Failed to update value of ApplicationPath in " + name + code + std::to_string(Error::get()));
         const auto& partition = default_->windows->partition;
@@ -232,7 +232,9 @@ std::string randomObjectName()
     }
     guid[7] = std::uint8_t((guid[7] & 0x0F) | 0x40); // version 4
     guid[8] = std::uint8_t((guid[8] & 0x3F) | 0x80); // the variant of RFC 4122
-    return "{" + StringUtil::lower(guidToText(guid)) + "}";
+    std::string name = "{";                          // appended: GCC 12 at -O3 warns falsely (-Wrestrict) on "{" + ...
+    name += StringUtil::lower(guidToText(guid));
+    return name += '}';
 }
 
 bool fillBootStore(Hive::HiveFile& store, const BootStoreLayout& layout,

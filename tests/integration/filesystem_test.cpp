@@ -258,7 +258,7 @@ TEST_F(FileSystems, MbrPartitionTypesFollowTheFileSystem)
     const std::uint64_t starts[] = {2048, 133120, 264192};
     const Family* kinds[] = {&families()[3], &families()[1], &families()[4]}; // NTFS, FAT32, ext4
     for (int i = 0; i < 3; ++i) {
-        const std::string part = dir.file("p" + std::to_string(i));
+        const std::string part = dir.file(std::string("p").append(std::to_string(i)));
         TestSupport::createImage(part, 64 * kMiB);
         auto mkfs = kinds[i]->mkfs;
         mkfs.push_back(part);

@@ -93,7 +93,7 @@ protected:
     // Partition n of the image as a file of its own, for the tools that read a bare volume.
     std::string partitionOf(const std::string& image, int partition)
     {
-        const std::string part = dir.file("p" + std::to_string(partition));
+        const std::string part = dir.file(std::string("p").append(std::to_string(partition)));
         runTool({"dd", "if=" + image, "of=" + part, "bs=1M",
                  "skip=" + std::to_string(1 + (partition - 1) * kPartitionMiB),
                  "count=" + std::to_string(kPartitionMiB), "status=none"});

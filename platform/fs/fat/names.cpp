@@ -63,7 +63,8 @@ ShortName shortNameFor(const std::string& name, const std::set<std::string>& tak
         return compose(cleanBase);
     needsLongName = true;
     for (int n = 1; n < 1000000; ++n) {
-        const std::string tail = "~" + std::to_string(n);
+        std::string tail = "~"; // appended: GCC 12 at -O3 warns falsely (-Wrestrict) on "~" + ...
+        tail += std::to_string(n);
         const auto candidate = compose((cleanBase.empty() ? "_" : cleanBase).substr(0, 8 - tail.size()) + tail);
         if (!taken.count(text(candidate)))
             return candidate;

@@ -109,7 +109,7 @@ TEST_F(FreshStart, TheUpdateClientIdIsOkOnlyWhenBothOfItsValuesWent)
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
-        const WindowsTree windows(folder("c" + std::to_string(i)), "SYSTEM");
+        const WindowsTree windows(folder(std::string("c").append(std::to_string(i))), "SYSTEM");
         const std::string software = windows.root() + "/Windows/System32/config/SOFTWARE";
         writeSoftwareHive(software, cases[i].values);
         EXPECT_EQ(clearUpdateClientId(keeperFor({windows.root()})), cases[i].result);
