@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all setup build test test-real demo bench asan fuzz fuzz-build format clean
+.PHONY: all setup build test test-real demo bench asan fuzz fuzz-build release-builds format clean
 
 all: build
 
@@ -16,8 +16,16 @@ build: setup
 	@cmake -S . -B $(BUILD) $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
-test: build fuzz-build
+test: build fuzz-build release-builds
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# The whole tree in Release with GCC and with Clang, warnings as errors, as packagers build it:
+# -O3 finds warnings the tested build does not. Built only; the tests run on $(BUILD).
+release-builds: setup
+	@cmake -S . -B build-release-gcc -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-release-gcc -j $(JOBS) >/dev/null
+	@CC=clang CXX=clang++ cmake -S . -B build-release-clang -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-release-clang -j $(JOBS) >/dev/null
 
 # Real Debian 12 disks (built with mmdebstrap, booted once), copied with dd, post-processed and
 # booted under qemu: MBR and GPT, alone and beside their source. Downloads packages the first time
@@ -62,4 +70,4 @@ format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-release-gcc build-release-clang

@@ -41,6 +41,10 @@ int main(int argc, char** argv)
     if (!parsed.options)
         return parsed.error.empty() ? parsed.exitCode : usageError(parsed.error);
     const Cli::Options& options = *parsed.options;
+    if (options.version) {
+        std::printf("postclone %s\n", Libraries::KRO::PostProcessing::PPHandler::version());
+        return kExitOk;
+    }
     if (options.listSteps) {
         std::fputs(Cli::stepList().c_str(), stdout);
         return kExitOk;

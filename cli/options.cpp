@@ -113,6 +113,7 @@ ParseResult parseCommandLine(int argc, char** argv)
     app.add_option("--log-level", options.logLevel, "Lowest log level printed to stderr (1 detail .. 4 errors)")
         ->check(CLI::Range(1, 5));
     app.add_flag("--list-steps", options.listSteps, "List the step slots and exit");
+    app.add_flag("--version", options.version, "Print the version and exit");
 
     try {
         app.parse(argc, argv);
@@ -147,7 +148,7 @@ ParseResult parseCommandLine(int argc, char** argv)
     }
     if (!bcdTemplate.empty() && !(options.bcdTemplate = parsePartitionPath(bcdTemplate)))
         return {std::nullopt, kUsageError, "--bcd-template wants [T:]PART=PATH, got '" + bcdTemplate + "'"};
-    if (options.listSteps)
+    if (options.listSteps || options.version)
         return {std::move(options), 0, {}};
     if (options.targets.empty())
         return {std::nullopt, kUsageError, "no TARGET given (postclone --help shows the usage)"};

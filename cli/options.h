@@ -46,6 +46,7 @@ struct Options {
     bool json = false;
     int logLevel = 2;
     bool listSteps = false;
+    bool version = false;
 };
 
 // The outcome of parsing: options to run with, or an exit (help printed, or a usage error with

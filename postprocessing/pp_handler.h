@@ -35,6 +35,9 @@ public:
     static bool process(Ref<Keeper> keeper, Ref<PPNotifier> notifier);
     static bool process(Ref<Keeper> keeper, Ref<Interfaces::ProgressNotifier> progress);
 
+    // The library's version, "major.minor.patch".
+    static const char* version() noexcept;
+
     // A list Variant "CYL", "HEAD", "SEC" holding the values unchanged.
     static Variant encodeCHS(u32 cylinder, u32 head, u32 sector);
     static Ref<String> formatStorageID(Ref<ByteArray> id, UUIDHelper::PlatformFormat format);

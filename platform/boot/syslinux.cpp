@@ -24,13 +24,13 @@ constexpr std::size_t kExtentSize = 10; // u64 lba, u16 sectors
 
 // Where ldlinux.sys keeps what an installer patches; offsets into the file.
 struct CoreLayout {
-    std::size_t patchArea;
-    std::uint16_t dataSectors; // the core without its two ADV sectors
-    std::uint16_t advSectors;
-    std::uint32_t dwords; // what the checksum covers
-    std::size_t advPointers;
-    std::size_t extents;
-    std::uint16_t extentSlots;
+    std::size_t patchArea = 0;
+    std::uint16_t dataSectors = 0; // the core without its two ADV sectors
+    std::uint16_t advSectors = 0;
+    std::uint32_t dwords = 0; // what the checksum covers
+    std::size_t advPointers = 0;
+    std::size_t extents = 0;
+    std::uint16_t extentSlots = 0;
 };
 
 constexpr std::size_t kDataSectors = 8, kAdvSectors = 10, kDwords = 12, kChecksum = 16, kEpaOffset = 22;
@@ -161,7 +161,11 @@ bool Syslinux::isCoreImg(const Ref<File>& file)
 bool Syslinux::patchCoreImg(const Area* areas, std::size_t count, const Ref<File>& file)
 {
     const auto core = file ? readCore(*file) : std::nullopt;
-    const auto layout = core ? findLayout(*core) : std::nullopt;
+    // Two checks, not "core ? findLayout(*core) : nullopt": GCC 12 at -Os then reads the layout
+    // as maybe unset.
+    std::optional<CoreLayout> layout;
+    if (core)
+        layout = findLayout(*core);
     if (!layout) {
         Error::set(Error::Corrupt, "the file is no syslinux core image");
         return false;

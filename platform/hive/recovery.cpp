@@ -131,7 +131,9 @@ const LogEntry* entryWithSequence(std::span<const TransactionLog> logs, int log,
 
 std::optional<Recovery> recover(std::vector<std::uint8_t>& file, std::span<const TransactionLog> logs)
 {
-    std::optional<BaseBlock> primary = file.size() >= B::kSize ? BaseBlock::parse(file) : std::nullopt;
+    std::optional<BaseBlock> primary;
+    if (file.size() >= B::kSize)
+        primary = BaseBlock::parse(file);
     if (primary && !primary->checksumRight)
         primary.reset();
     if (primary && !primary->dirty())
