@@ -62,6 +62,13 @@ TEST_F(PostcloneCli, ListStepsNamesEverySlot)
     EXPECT_NE(result.out.find("30  gpt-migration       Migrate GPT"), std::string::npos);
 }
 
+TEST_F(PostcloneCli, VersionIsTheProjectsAndNeedsNoTarget)
+{
+    const auto result = postclone({"--version"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, std::string("postclone ") + PROJECT_VERSION + "\n");
+}
+
 TEST_F(PostcloneCli, BadInputIsAOneLineErrorWithExitTwo)
 {
     const std::vector<std::vector<std::string>> cases{
