@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all setup build test test-real demo bench asan fuzz fuzz-build release-builds format clean
+.PHONY: all setup build test test-real demo bench asan fuzz fuzz-build release-builds deb format clean
 
 all: build
 
@@ -16,7 +16,7 @@ build: setup
 	@cmake -S . -B $(BUILD) $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 
-test: build fuzz-build release-builds
+test: build fuzz-build release-builds deb
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
 # The whole tree in Release with GCC and with Clang, warnings as errors, as packagers build it:
@@ -26,6 +26,11 @@ release-builds: setup
 	@cmake --build build-release-gcc -j $(JOBS) >/dev/null
 	@CC=clang CXX=clang++ cmake -S . -B build-release-clang -DCMAKE_BUILD_TYPE=Release >/dev/null
 	@cmake --build build-release-clang -j $(JOBS) >/dev/null
+
+# The Debian packages (postclone, libpostclone0.15, libpostclone-dev) built by dpkg-buildpackage
+# from a copy of the tree, into build-deb/; the suite checks them with lintian and runs them.
+deb: setup
+	@JOBS=$(JOBS) scripts/build-deb build-deb
 
 # Real Debian 12 disks (built with mmdebstrap, booted once), copied with dd, post-processed and
 # booted under qemu: MBR and GPT, alone and beside their source. Downloads packages the first time
@@ -70,4 +75,4 @@ format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-release-gcc build-release-clang
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-release-gcc build-release-clang build-deb
