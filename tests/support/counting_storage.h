@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <vector>
 
 namespace TestSupport {
 
@@ -33,14 +34,25 @@ public:
         const std::uint64_t allowed = std::min(count, writeBudget - sectorsWritten);
         const auto done = allowed ? base_->write(index, allowed, buffer) : 0;
         sectorsWritten += done;
+        writeStarts.push_back(index);
+        for (std::uint64_t i = 0; i < done; ++i)
+            mostWritesOfOneSector = std::max(mostWritesOfOneSector, ++writesOf[index + i]);
         return done;
     }
-    bool flush() override { return base_->flush(); }
+    bool flush() override
+    {
+        ++flushes;
+        return base_->flush();
+    }
 
     std::uint64_t sectorsRead = 0;
     std::map<std::uint64_t, std::uint64_t> readsOf; // sector -> times read
     std::uint64_t mostReadsOfOneSector = 0;
     std::uint64_t sectorsWritten = 0;
+    std::map<std::uint64_t, std::uint64_t> writesOf; // sector -> times written
+    std::uint64_t mostWritesOfOneSector = 0;
+    std::vector<std::uint64_t> writeStarts; // the first sector of each write call, in call order
+    std::uint64_t flushes = 0;
     std::uint64_t writeBudget = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t writeCalls = 0;
     std::uint64_t failingWrite = std::numeric_limits<std::uint64_t>::max(); // counted from 0
