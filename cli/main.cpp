@@ -6,6 +6,7 @@
 #include "cli/plan.h"
 #include "cli/reg_command.h"
 #include "cli/report.h"
+#include "cli/step_costs.h"
 #include "cli/terminal.h"
 #include "cli/windows_command.h"
 #include "postprocessing/pp_handler.h"
@@ -59,9 +60,12 @@ int main(int argc, char** argv)
     const auto keeper = Cli::buildKeeper(options, &refused);
     if (!keeper)
         return usageError("could not open the targets for post-processing");
-    Libraries::KRO::PostProcessing::PPHandler::process(keeper, Cli::progressForTerminal());
+    const auto costs = Platform::makeRef<Cli::StepCosts>(Cli::cachesOf(*keeper), Cli::progressForTerminal());
+    Libraries::KRO::PostProcessing::PPHandler::process(
+        keeper, Platform::Ref<Libraries::KRO::PostProcessing::PPNotifier>(costs));
 
-    const std::string report = options.json ? Cli::jsonReport(*keeper, refused) : Cli::textReport(*keeper, refused);
+    const std::string report =
+        options.json ? Cli::jsonReport(*keeper, refused, costs.get()) : Cli::textReport(*keeper, refused);
     std::fputs(report.c_str(), stdout);
     // A disk postclone refused to touch is no success, even where every step found nothing.
     return Cli::anyStepFailed(*keeper) || !refused.empty() ? kExitStepFailed : kExitOk;

@@ -110,6 +110,9 @@ ParseResult parseCommandLine(int argc, char** argv)
                    "[T:]PART=PATH: the store a new boot configuration is made from (default: the newest Windows' "
                    "Windows/System32/config/BCD-Template)");
     app.add_flag("--json", options.json, "Print the report as one JSON object");
+    app.add_option("--memory-limit", options.memoryLimitMiB,
+                   "Most memory the run's disk caches hold, in MiB (default 256); changes beyond it wait in TMPDIR")
+        ->check(CLI::Range(std::size_t(4), std::size_t(1) << 20));
     app.add_option("--log-level", options.logLevel, "Lowest log level printed to stderr (1 detail .. 4 errors)")
         ->check(CLI::Range(1, 5));
     app.add_flag("--list-steps", options.listSteps, "List the step slots and exit");

@@ -44,6 +44,7 @@ struct Options {
     std::vector<PartitionPath> efiPartitions; // path empty
     std::optional<PartitionPath> bcdTemplate; // path: the template store on that partition
     bool json = false;
+    std::size_t memoryLimitMiB = 256; // the disk caches of the run, together
     int logLevel = 2;
     bool listSteps = false;
     bool version = false;

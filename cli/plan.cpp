@@ -4,6 +4,7 @@
 #include "platform/core/error.h"
 #include "platform/partman/partition_manager.h"
 #include "platform/storage/area_translator.h"
+#include "platform/storage/cached_storage.h"
 #include "platform/storage/file_storage.h"
 #include "platform/storage/window_storage.h"
 #include "postprocessing/pp_handler.h"
@@ -42,7 +43,9 @@ std::string checkMedium(const std::string& path, const char* role, int mode)
     return {};
 }
 
+using Platform::CachedStorage;
 using Platform::FileStorage;
+using Platform::makeRef;
 using Platform::PartitionManager;
 using Platform::Ref;
 
@@ -152,17 +155,23 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusa
     for (const auto& change : options.switches)
         keeper->setEnabled(change.slot, change.on);
 
+    const std::size_t caches = options.targets.size() + options.sources.size();
+    const std::size_t cacheLimit = (options.memoryLimitMiB << 20) / std::max<std::size_t>(1, caches);
     for (std::size_t i = 0; i < options.targets.size(); ++i) {
         PP::VariantList from;
         if (i < options.sources.size())
             from.push_back(PP::Variant::string(options.sources[i]));
         const PP::u64 disk = keeper->addEntry(PP::KindDisk, from, {PP::Variant::string(options.targets[i])}, 0, 0);
-        const auto target = FileStorage::open(options.targets[i], FileStorage::Access::ReadWrite);
-        const auto source = i < options.sources.size()
-                                ? FileStorage::open(options.sources[i], FileStorage::Access::ReadOnly)
-                                : Ref<FileStorage>();
-        if (!target)
+        // Every step reads and writes each disk through one cache: a sector is read once per run
+        // and written once per step that changes it.
+        const auto targetFile = FileStorage::open(options.targets[i], FileStorage::Access::ReadWrite);
+        const auto sourceFile = i < options.sources.size()
+                                    ? FileStorage::open(options.sources[i], FileStorage::Access::ReadOnly)
+                                    : Ref<FileStorage>();
+        if (!targetFile || (i < options.sources.size() && !sourceFile))
             return {};
+        const auto target = makeRef<CachedStorage>(targetFile, cacheLimit);
+        const auto source = sourceFile ? makeRef<CachedStorage>(sourceFile, cacheLimit) : Ref<CachedStorage>();
         keeper->addObjectEntry(PP::KindDiskStorage, source, target, disk, 0);
         describePartitions(keeper, disk, target, source, options, i, refused);
         if (!keeper->isEnabled(PP::StepDiskIds))

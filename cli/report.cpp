@@ -1,5 +1,6 @@
 #include "cli/report.h"
 
+#include "cli/step_costs.h"
 #include "cli/step_names.h"
 #include "platform/core/bytes.h"
 #include "platform/core/string_util.h"
@@ -50,6 +51,13 @@ std::string idText(PP::u64 kind, const PP::ObjectRef& object)
     return PP::Tools::hexBytes(bytes.get());
 }
 
+nlohmann::ordered_json ioJson(const Platform::StorageCounters& counters)
+{
+    return {{"sectors_read", counters.sectorsRead},
+            {"sectors_written", counters.sectorsWritten},
+            {"bytes_written", counters.bytesWritten}};
+}
+
 std::string padded(std::string_view text, std::size_t width)
 {
     std::string result(text);
@@ -93,7 +101,7 @@ std::string textReport(const PP::Keeper& keeper, const std::vector<Refusal>& ref
     return text;
 }
 
-std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused)
+std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused, const StepCosts* costs)
 {
     nlohmann::ordered_json steps = nlohmann::ordered_json::array();
     for (int slot = 0; slot < PP::kStepCount; ++slot) {
@@ -103,6 +111,8 @@ std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& ref
                          {"label", PP::stepLabel(slot)},
                          {"result", static_cast<PP::u32>(result)},
                          {"word", PP::resultWord(result)}});
+        if (costs)
+            steps.back()["io"] = ioJson(costs->of(slot));
     }
     nlohmann::ordered_json mappings = nlohmann::ordered_json::array();
     for (const auto& mapping : recordedMappings(keeper))
@@ -115,7 +125,16 @@ std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& ref
     nlohmann::ordered_json refusals = nlohmann::ordered_json::array();
     for (const auto& refusal : refused)
         refusals.push_back({{"target", refusal.target}, {"what", refusal.what}, {"why", refusal.why}});
-    return nlohmann::ordered_json{{"steps", steps}, {"mappings", mappings}, {"refused", refusals}}.dump(2) + "\n";
+    nlohmann::ordered_json report{{"steps", steps}, {"mappings", mappings}, {"refused", refusals}};
+    if (costs) {
+        const Platform::StorageCounters total = costs->total();
+        report["io"] = ioJson(total);
+        report["io"]["read_calls"] = total.readCalls;
+        report["io"]["write_calls"] = total.writeCalls;
+        report["io"]["retried_sectors"] = total.retriedSectors;
+        report["io"]["flushes"] = total.flushes;
+    }
+    return report.dump(2) + "\n";
 }
 
 std::string stepList()

@@ -27,7 +27,10 @@ struct Refusal {
 };
 
 std::string textReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {});
-std::string jsonReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {});
+class StepCosts;
+// With costs, each step carries what it read and wrote on the disks ("io"), and the run its total.
+std::string jsonReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {},
+                       const StepCosts* costs = nullptr);
 std::string stepList();
 
 // True when any slot ended "FAILED".

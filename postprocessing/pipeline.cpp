@@ -17,6 +17,7 @@
 #include "postprocessing/log_channels.h"
 #include "postprocessing/step_labels.h"
 #include "postprocessing/tools/file_tools.h"
+#include "postprocessing/tools/step_write_back.h"
 #include "postprocessing/windows/bcd_creation.h"
 #include "postprocessing/windows/fresh_start.h"
 #include "postprocessing/windows/lba_patch.h"
@@ -60,6 +61,20 @@ private:
         advance();
     }
     StepResult invoke(const PipelineSteps::Step& step) { return step(keeper_); }
+    // What the step changed goes to the disks before its result is reported; a change that
+    // cannot be written fails the step, and every switched-on slot it covers.
+    StepResult writtenBack(s32 slot, StepResult result)
+    {
+        return Tools::writeBackTargets(*keeper_, stepLabel(slot)) ? result : StepResult::Failed;
+    }
+    void failUnlessWritten(s32 slot, std::initializer_list<s32> covered)
+    {
+        if (writtenBack(slot, StepResult::Ok) == StepResult::Ok)
+            return;
+        for (const s32 each : covered)
+            if (keeper_->isEnabled(each))
+                keeper_->setResult(each, StepResult::Failed);
+    }
     void announce(const char* label) { LogMessage(Channels::handler(), LogDetail) << label; }
     void outcome(const char* label, StepResult result)
     {
@@ -119,7 +134,7 @@ void Run::execute()
     const bool fsIdsWanted = keeper_->isEnabled(StepFsIds) || keeper_->findNext(KindVolumeIdChange, 0, 0) != 0;
     if (fsIdsWanted && steps_.changeVolumeIds) {
         announce(stepLabel(StepFsIds));
-        const StepResult result = invoke(steps_.changeVolumeIds);
+        const StepResult result = writtenBack(StepFsIds, invoke(steps_.changeVolumeIds));
         keeper_->setResult(StepFsIds, result);
         outcome("fs id change: ", result);
     } else {
@@ -154,6 +169,9 @@ void Run::changeDiskIds()
     StepResult result = StepResult::NotActivated;
     if (steps_.changeDiskIds) {
         result = invoke(steps_.changeDiskIds);
+        failUnlessWritten(StepDiskIds, {StepDiskIds, StepPartitionIds});
+        if (keeper_->getResult(StepDiskIds) == StepResult::Failed)
+            result = StepResult::Failed;
     } else {
         keeper_->setResult(StepDiskIds, StepResult::NotActivated);
         keeper_->setResult(StepPartitionIds, StepResult::NotActivated);
@@ -178,13 +196,14 @@ void Run::partitionType()
     const bool adjustOn = keeper_->isEnabled(StepPartitionType);
     if (keeper_->isEnabled(StepTransferPartitionType) && steps_.transferOrAdjustPartitionType) {
         announce(stepLabel(StepTransferPartitionType));
-        const StepResult result = steps_.transferOrAdjustPartitionType(keeper_, adjustOn);
+        const StepResult result =
+            writtenBack(StepTransferPartitionType, steps_.transferOrAdjustPartitionType(keeper_, adjustOn));
         keeper_->setResult(StepTransferPartitionType, result);
         keeper_->setResult(StepPartitionType, StepResult::NotActivated);
         outcome("partition type adjustment: ", result);
     } else if (adjustOn && steps_.adjustPartitionType) {
         announce(stepLabel(StepPartitionType));
-        const StepResult result = invoke(steps_.adjustPartitionType);
+        const StepResult result = writtenBack(StepPartitionType, invoke(steps_.adjustPartitionType));
         keeper_->setResult(StepPartitionType, result);
         keeper_->setResult(StepTransferPartitionType, StepResult::NotActivated);
         outcome("partition type adjustment: ", result);
@@ -200,7 +219,7 @@ void Run::partitionType()
 void Run::gptMigrationOrBcd()
 {
     if (keeper_->isEnabled(StepGptMigration) && steps_.migrateGpt) {
-        const StepResult result = invoke(steps_.migrateGpt);
+        const StepResult result = writtenBack(StepGptMigration, invoke(steps_.migrateGpt));
         keeper_->setResult(StepGptMigration, result);
         outcome("Migrate GPT Adjustment: ", result);
     } else {
@@ -224,8 +243,11 @@ void Run::systemHive()
     subSwitch(StepAtapi);
     subSwitch(StepRaid);
     subSwitch(StepComputerName);
-    if (steps_.adjustSystemHives)
+    if (steps_.adjustSystemHives) {
         invoke(steps_.adjustSystemHives);
+        failUnlessWritten(StepIde,
+                          {StepIde, StepAhci, StepNvme, StepUsb, StepUsb3, StepAtapi, StepRaid, StepComputerName});
+    }
     for (s32 slot : {StepIde, StepAhci, StepNvme, StepUsb, StepUsb3, StepAtapi, StepRaid, StepComputerName})
         report(slot);
     advance();
@@ -237,7 +259,7 @@ void Run::grubSectorLists()
     const bool wanted = keeper_->isEnabled(StepGrubSectors) || keeper_->isEnabled(StepGrubSectorsAlt);
     if (wanted && steps_.adjustGrubSectorLists) {
         announce(stepLabel(StepGrubSectors));
-        const StepResult result = invoke(steps_.adjustGrubSectorLists);
+        const StepResult result = writtenBack(StepGrubSectors, invoke(steps_.adjustGrubSectorLists));
         keeper_->setResult(StepGrubSectors, result);
         outcome("Grub sector list adjustment: ", result);
     } else {
@@ -255,7 +277,7 @@ void Run::singleStep(s32 slot, const char* outcomeLabel, const PipelineSteps::St
         return;
     }
     announce(stepLabel(slot));
-    const StepResult result = invoke(step);
+    const StepResult result = writtenBack(slot, invoke(step));
     keeper_->setResult(slot, result);
     outcome(outcomeLabel, result);
 }

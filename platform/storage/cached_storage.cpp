@@ -1,12 +1,10 @@
 #include "platform/storage/cached_storage.h"
 
 #include "platform/core/error.h"
+#include "platform/storage/spill_file.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace Platform {
 
@@ -26,72 +24,14 @@ std::unique_ptr<std::uint8_t[]> copyOf(const std::uint8_t* bytes, std::size_t si
 
 StorageCounters StorageCounters::operator-(const StorageCounters& before) const
 {
-    return {readCalls - before.readCalls,   sectorsRead - before.sectorsRead,
-            writeCalls - before.writeCalls, sectorsWritten - before.sectorsWritten,
-            retriedSectors - before.retriedSectors, flushes - before.flushes};
+    return {readCalls - before.readCalls,
+            sectorsRead - before.sectorsRead,
+            writeCalls - before.writeCalls,
+            sectorsWritten - before.sectorsWritten,
+            bytesWritten - before.bytesWritten,
+            retriedSectors - before.retriedSectors,
+            flushes - before.flushes};
 }
-
-// Changed chunks that do not fit in memory: an unlinked file in the temporary folder, in slots of
-// one chunk's new and old content.
-class CachedStorage::SpillFile {
-public:
-    explicit SpillFile(std::size_t slotBytes) : slotBytes_(slotBytes)
-    {
-        const char* folder = std::getenv("TMPDIR");
-        std::string path = std::string(folder && *folder ? folder : "/tmp") + "/postclone-spill-XXXXXX";
-        fd_ = ::mkstemp(path.data());
-        if (fd_ >= 0)
-            ::unlink(path.c_str());
-    }
-    ~SpillFile()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    SpillFile(const SpillFile&) = delete;
-    SpillFile& operator=(const SpillFile&) = delete;
-
-    // The slot the content went to; -1 when it could not be written.
-    std::int64_t store(const std::uint8_t* data, const std::uint8_t* original, std::size_t bytes)
-    {
-        if (fd_ < 0)
-            return -1;
-        std::int64_t slot = next_;
-        if (!free_.empty()) {
-            slot = free_.back();
-            free_.pop_back();
-        } else {
-            ++next_;
-        }
-        const off_t at = off_t(slot) * off_t(slotBytes_);
-        const bool ok = writeAll(data, bytes, at) && (!original || writeAll(original, bytes, at + off_t(bytes)));
-        if (!ok) {
-            free_.push_back(slot);
-            return -1;
-        }
-        return slot;
-    }
-    bool load(std::int64_t slot, std::uint8_t* data, std::uint8_t* original, std::size_t bytes)
-    {
-        const off_t at = off_t(slot) * off_t(slotBytes_);
-        const bool ok = readAll(data, bytes, at) && (!original || readAll(original, bytes, at + off_t(bytes)));
-        free_.push_back(slot);
-        return ok;
-    }
-    void release(std::int64_t slot) { free_.push_back(slot); }
-
-private:
-    bool writeAll(const std::uint8_t* bytes, std::size_t size, off_t at)
-    {
-        return ::pwrite(fd_, bytes, size, at) == ssize_t(size);
-    }
-    bool readAll(std::uint8_t* bytes, std::size_t size, off_t at) { return ::pread(fd_, bytes, size, at) == ssize_t(size); }
-
-    int fd_ = -1;
-    std::size_t slotBytes_;
-    std::int64_t next_ = 0;
-    std::vector<std::int64_t> free_;
-};
 
 CachedStorage::CachedStorage(Ref<Interfaces::Storage> base, std::size_t memoryLimit)
     : base_(std::move(base)), memoryLimit_(memoryLimit)
@@ -174,7 +114,9 @@ CachedStorage::Chunk* CachedStorage::load(std::uint64_t index)
         const bool hasOriginal = chunk.dirty.any();
         if (hasOriginal)
             chunk.original = std::make_unique_for_overwrite<std::uint8_t[]>(bytes);
-        if (!spillFile_->load(chunk.spillSlot, chunk.data.get(), chunk.original.get(), bytes)) {
+        if (!spillFile_->load(chunk.spillSlot, {chunk.data.get(), bytes},
+                              hasOriginal ? std::span<std::uint8_t>(chunk.original.get(), bytes)
+                                          : std::span<std::uint8_t>())) {
             markBroken("a change kept in the temporary folder could not be read back");
             chunk.data.reset();
             chunk.original.reset();
@@ -283,7 +225,9 @@ bool CachedStorage::spill(std::uint64_t index, Chunk& chunk)
     const std::size_t bytes = chunkBytes(index);
     if (!spillFile_)
         spillFile_ = std::make_unique<SpillFile>(2 * kChunkSectors * elementSize());
-    const std::int64_t slot = spillFile_->store(chunk.data.get(), chunk.original.get(), bytes);
+    const std::int64_t slot = spillFile_->store(
+        {chunk.data.get(), bytes},
+        chunk.original ? std::span<const std::uint8_t>(chunk.original.get(), bytes) : std::span<const std::uint8_t>());
     if (slot < 0)
         return false;
     memoryInUse_ -= chunk.original ? 2 * bytes : bytes;
@@ -324,6 +268,7 @@ bool CachedStorage::writeRun(std::uint64_t first, std::uint64_t count, const std
     ++counters_.writeCalls;
     const std::uint64_t written = base_->write(first, count, bytes);
     counters_.sectorsWritten += written;
+    counters_.bytesWritten += written * elementSize();
     if (written == count)
         return true;
     const std::size_t size = elementSize();
@@ -337,6 +282,7 @@ bool CachedStorage::writeRun(std::uint64_t first, std::uint64_t count, const std
             return false;
         }
         ++counters_.sectorsWritten;
+        counters_.bytesWritten += size;
     }
     return true;
 }
@@ -367,7 +313,8 @@ void CachedStorage::discardChanges()
     makeRoom();
 }
 
-template <typename Visit> bool CachedStorage::changedRunsOf(std::uint64_t index, Visit visit)
+template <typename Visit>
+bool CachedStorage::changedRunsOf(std::uint64_t index, Visit visit)
 {
     Chunk* chunk = load(index);
     if (!chunk)
@@ -420,7 +367,8 @@ bool CachedStorage::recordChanges()
     recorded = recorded && observer_->commitRecords(problem);
     if (!recorded && !broken_)
         markBroken("the changes could not be recorded before writing them (" +
-                   (problem.empty() ? std::string("no reason given") : problem) + "); nothing more is written to this disk");
+                   (problem.empty() ? std::string("no reason given") : problem) +
+                   "); nothing more is written to this disk");
     return recorded;
 }
 
@@ -463,17 +411,17 @@ bool CachedStorage::writeChanges()
         return ok;
     };
     for (const std::uint64_t index : changedChunks()) {
-        const bool ok = changedRunsOf(index, [&](std::uint64_t first, std::uint64_t count, const std::uint8_t*,
-                                                 const std::uint8_t* bytes) {
-            const bool adjacent = !buffer.empty() && bufferFirst + buffer.size() / size == first;
-            if (!adjacent || buffer.size() + count * size > kMaxTransferBytes) {
-                if (!writeBuffer())
-                    return false;
-                bufferFirst = first;
-            }
-            buffer.insert(buffer.end(), bytes, bytes + count * size);
-            return true;
-        });
+        const bool ok = changedRunsOf(
+            index, [&](std::uint64_t first, std::uint64_t count, const std::uint8_t*, const std::uint8_t* bytes) {
+                const bool adjacent = !buffer.empty() && bufferFirst + buffer.size() / size == first;
+                if (!adjacent || buffer.size() + count * size > kMaxTransferBytes) {
+                    if (!writeBuffer())
+                        return false;
+                    bufferFirst = first;
+                }
+                buffer.insert(buffer.end(), bytes, bytes + count * size);
+                return true;
+            });
         if (!ok)
             return false;
         pending.push_back(index);

@@ -21,11 +21,14 @@
 
 namespace Platform {
 
+class SpillFile;
+
 struct StorageCounters {
-    std::uint64_t readCalls = 0;    // reads of the base storage
-    std::uint64_t sectorsRead = 0;  // sectors those reads returned
-    std::uint64_t writeCalls = 0;   // writes to the base storage, retries included
+    std::uint64_t readCalls = 0;   // reads of the base storage
+    std::uint64_t sectorsRead = 0; // sectors those reads returned
+    std::uint64_t writeCalls = 0;  // writes to the base storage, retries included
     std::uint64_t sectorsWritten = 0;
+    std::uint64_t bytesWritten = 0;
     std::uint64_t retriedSectors = 0; // sectors written one by one after a failed run
     std::uint64_t flushes = 0;
 
@@ -98,7 +101,6 @@ private:
         bool inLru = false;
         bool overlay = false; // holds content the disk does not have (a dry run): never dropped
     };
-    class SpillFile;
 
     std::uint64_t chunkCount() const;
     std::uint64_t sectorsIn(std::uint64_t chunk) const;
@@ -116,7 +118,8 @@ private:
     std::vector<std::uint64_t> changedChunks() const;
     // visit(first, count, before, after) for each run of changed sectors of the chunk, in
     // ascending order; false when visit is or the chunk cannot be loaded.
-    template <typename Visit> bool changedRunsOf(std::uint64_t index, Visit visit);
+    template <typename Visit>
+    bool changedRunsOf(std::uint64_t index, Visit visit);
     bool recordChanges();
     bool writeChanges();
     // The chunk's changes are on the disk (or, in a dry run, are the disk's content from now on).

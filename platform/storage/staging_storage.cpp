@@ -5,6 +5,13 @@
 
 namespace Platform {
 
+StagingStorage::StagingStorage(Ref<Interfaces::Storage> base, std::size_t memoryLimit)
+    : base_(std::move(base)), memoryLimit_(memoryLimit)
+{
+}
+
+StagingStorage::~StagingStorage() = default;
+
 std::uint64_t StagingStorage::read(std::uint64_t index, std::uint64_t count, void* buffer)
 {
     const std::uint64_t done = base_->read(index, count, buffer);
@@ -14,24 +21,59 @@ std::uint64_t StagingStorage::read(std::uint64_t index, std::uint64_t count, voi
         const std::uint64_t first = it->first * kPageSectors;
         if (first >= index + done)
             break;
+        const std::uint8_t* page = resident(it->second);
+        if (!page)
+            return 0;
         for (std::uint64_t i = 0; i < kPageSectors; ++i) {
             const std::uint64_t sector = first + i;
             if (it->second.staged[i] && sector >= index && sector < index + done)
-                std::memcpy(bytes + (sector - index) * size, it->second.bytes + i * size, size);
+                std::memcpy(bytes + (sector - index) * size, page + i * size, size);
         }
+        makeRoom(&it->second);
     }
     return done;
 }
 
-std::uint8_t* StagingStorage::allocatePage()
+std::uint8_t* StagingStorage::resident(Page& page)
 {
-    constexpr std::size_t kSlabPages = 128;
-    const std::size_t pageBytes = kPageSectors * elementSize();
-    if (slabs_.empty() || slabUsed_ == kSlabPages) {
-        slabs_.push_back(std::make_unique_for_overwrite<std::uint8_t[]>(kSlabPages * pageBytes));
-        slabUsed_ = 0;
+    if (page.bytes)
+        return page.bytes.get();
+    page.bytes = std::make_unique_for_overwrite<std::uint8_t[]>(pageBytes());
+    if (page.slot >= 0) {
+        if (!spill_->load(page.slot, {page.bytes.get(), pageBytes()})) {
+            page.bytes.reset();
+            return nullptr;
+        }
+        page.slot = -1;
+        --spilledPages_;
     }
-    return slabs_.back().get() + pageBytes * slabUsed_++;
+    ++pagesInMemory_;
+    return page.bytes.get();
+}
+
+// When the spill file cannot take a page, memory goes over the limit rather than the change
+// failing.
+void StagingStorage::makeRoom(const Page* keep)
+{
+    if (memoryInUse() <= memoryLimit_ || spillFailed_)
+        return;
+    if (!spill_)
+        spill_ = std::make_unique<SpillFile>(pageBytes());
+    for (auto& [index, page] : pages_) {
+        if (memoryInUse() <= memoryLimit_)
+            return;
+        if (!page.bytes || &page == keep)
+            continue;
+        const std::int64_t slot = spill_->store({page.bytes.get(), pageBytes()});
+        if (slot < 0) {
+            spillFailed_ = true;
+            return;
+        }
+        page.bytes.reset();
+        page.slot = slot;
+        --pagesInMemory_;
+        ++spilledPages_;
+    }
 }
 
 std::uint64_t StagingStorage::write(std::uint64_t index, std::uint64_t count, const void* buffer)
@@ -42,13 +84,20 @@ std::uint64_t StagingStorage::write(std::uint64_t index, std::uint64_t count, co
     ++writeCalls_;
     const std::size_t size = elementSize();
     const auto* bytes = static_cast<const std::uint8_t*>(buffer);
-    for (std::uint64_t i = 0; i < count; ++i) {
+    for (std::uint64_t i = 0; i < count;) {
         const std::uint64_t sector = index + i;
         Page& page = pages_[sector / kPageSectors];
-        if (!page.bytes)
-            page.bytes = allocatePage();
-        std::memcpy(page.bytes + (sector % kPageSectors) * size, bytes + i * size, size);
-        page.staged.set(sector % kPageSectors);
+        std::uint8_t* target = resident(page);
+        if (!target)
+            return i;
+        // The rest of the write that lands in this page.
+        const std::uint64_t at = sector % kPageSectors;
+        const std::uint64_t take = std::min(kPageSectors - at, count - i);
+        std::memcpy(target + at * size, bytes + i * size, std::size_t(take) * size);
+        for (std::uint64_t s = at; s < at + take; ++s)
+            page.staged.set(s);
+        i += take;
+        makeRoom(&page);
     }
     return count;
 }
@@ -76,7 +125,16 @@ bool StagingStorage::commitRange(std::uint64_t from, std::uint64_t to, std::uint
         run.clear();
         return ok;
     };
-    for (const auto& [index, page] : pages_) {
+    std::vector<std::uint8_t> spilled;
+    for (auto& [index, page] : pages_) {
+        // A spilled page is read into a buffer of its own: the commit does not grow memory.
+        const std::uint8_t* bytes = page.bytes.get();
+        if (!bytes) {
+            spilled.resize(pageBytes());
+            if (!spill_->peek(page.slot, spilled))
+                return false;
+            bytes = spilled.data();
+        }
         for (std::uint64_t i = 0; i < kPageSectors; ++i) {
             const std::uint64_t sector = index * kPageSectors + i;
             const bool wanted =
@@ -90,7 +148,7 @@ bool StagingStorage::commitRange(std::uint64_t from, std::uint64_t to, std::uint
                 continue;
             if (run.empty())
                 runStart = sector;
-            run.insert(run.end(), page.bytes + i * size, page.bytes + (i + 1) * size);
+            run.insert(run.end(), bytes + i * size, bytes + (i + 1) * size);
         }
     }
     return flushRun();
@@ -107,8 +165,10 @@ bool StagingStorage::commit(std::uint64_t lastFirst, std::uint64_t lastEnd)
 void StagingStorage::discard()
 {
     pages_.clear();
-    slabs_.clear();
-    slabUsed_ = 0;
+    pagesInMemory_ = 0;
+    spill_.reset();
+    spilledPages_ = 0;
+    spillFailed_ = false;
 }
 
 } // namespace Platform

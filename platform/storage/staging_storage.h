@@ -1,8 +1,10 @@
 #pragma once
-// A storage that keeps every write in memory until commit: reads see the staged sectors, the base
-// sees nothing until the whole change has been worked out. A change that fails part-way is
-// dropped without a byte written.
+// A storage that keeps every write until commit: reads see the staged sectors, the base sees
+// nothing until the whole change has been worked out. A change that fails part-way is dropped
+// without a byte written. Staged pages beyond a memory limit wait in a temporary file, so that a
+// change as large as a file system's metadata does not need as much memory.
 
+#include "platform/storage/spill_file.h"
 #include "platform/storage/storage.h"
 
 #include <bitset>
@@ -14,7 +16,12 @@ namespace Platform {
 
 class StagingStorage : public Object, public virtual Interfaces::Storage {
 public:
-    explicit StagingStorage(Ref<Interfaces::Storage> base) : base_(std::move(base)) {}
+    static constexpr std::size_t kDefaultMemoryLimit = std::size_t(32) << 20;
+
+    explicit StagingStorage(Ref<Interfaces::Storage> base, std::size_t memoryLimit = kDefaultMemoryLimit);
+    ~StagingStorage() override;
+    StagingStorage(const StagingStorage&) = delete;
+    StagingStorage& operator=(const StagingStorage&) = delete;
 
     std::uint32_t elementSize() const override { return base_->elementSize(); }
     std::uint64_t elementCount() const override { return base_->elementCount(); }
@@ -31,25 +38,34 @@ public:
     std::size_t stagedSectors() const;
     // How many writes were staged so far: tells whether an operation staged anything.
     std::uint64_t writeCalls() const { return writeCalls_; }
+    std::size_t memoryInUse() const { return pagesInMemory_ * pageBytes(); }
+    std::uint64_t spilledPages() const { return spilledPages_; }
 
 private:
     static constexpr std::uint64_t kPageSectors = 64;
 
-    // Staged sectors are kept in pages; a page's mask says which of its sectors are staged.
+    // Staged sectors are kept in pages; a page's mask says which of its sectors are staged. A page
+    // is in memory (bytes) or in the spill file (slot).
     struct Page {
-        std::uint8_t* bytes = nullptr; // kPageSectors sectors inside a slab
+        std::unique_ptr<std::uint8_t[]> bytes;
         std::bitset<kPageSectors> staged;
+        std::int64_t slot = -1;
     };
 
-    std::uint8_t* allocatePage();
-
+    std::size_t pageBytes() const { return std::size_t(kPageSectors) * elementSize(); }
+    // The page's bytes in memory; null when they cannot be read back from the spill file.
+    std::uint8_t* resident(Page& page);
+    // Moves pages other than keep to the spill file until memory is under the limit.
+    void makeRoom(const Page* keep);
     bool commitRange(std::uint64_t from, std::uint64_t to, std::uint64_t skipFirst, std::uint64_t skipEnd);
 
     Ref<Interfaces::Storage> base_;
+    std::size_t memoryLimit_;
     std::map<std::uint64_t, Page> pages_;
-    // Page memory comes from large slabs: staging a big change must not churn the allocator.
-    std::vector<std::unique_ptr<std::uint8_t[]>> slabs_;
-    std::size_t slabUsed_ = 0;
+    std::size_t pagesInMemory_ = 0;
+    std::unique_ptr<SpillFile> spill_;
+    std::uint64_t spilledPages_ = 0;
+    bool spillFailed_ = false;
     std::uint64_t writeCalls_ = 0;
 };
 

@@ -300,9 +300,14 @@ bool ExtFilesys::removeExisting(const std::string& path)
     return true;
 }
 
+// Only what changed: a flush of an unchanged file system would still rewrite every superblock and
+// group descriptor with a new write time, so a file rewritten in place costs its own blocks only.
 bool ExtFilesys::writeOut()
 {
-    return ext2fs_flush(handle()) == 0;
+    ext2_filsys fs = handle();
+    if ((fs->flags & (EXT2_FLAG_DIRTY | EXT2_FLAG_IB_DIRTY | EXT2_FLAG_BB_DIRTY)) == 0)
+        return true;
+    return ext2fs_flush(fs) == 0;
 }
 
 } // namespace Platform

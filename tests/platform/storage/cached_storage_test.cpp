@@ -149,7 +149,8 @@ public:
     {
         // Still the old content on the disk: nothing is written before everything is recorded.
         // (A dry run's old content may be that of an earlier step, which the disk never saw.)
-        if (!withhold_ && std::memcmp(disk_->bytes().data() + run.first * kSector, run.before.data(), run.before.size()) != 0) {
+        if (!withhold_ &&
+            std::memcmp(disk_->bytes().data() + run.first * kSector, run.before.data(), run.before.size()) != 0) {
             problem = "the disk changed before the record";
             return false;
         }
@@ -213,8 +214,8 @@ TEST(CachedStorage, WithheldWritesStayAsTheDisksContentForTheRestOfTheRun)
     cache.write(3, 1, filled(1, 0x55).data());
     cache.write(kChunk + 1, 1, filled(1, 0x66).data());
     EXPECT_EQ(cache.writeBack(), "");
-    EXPECT_EQ(recorder->runs,
-              (std::vector<Recorder::Seen>{{3, 1, 0x44, 3}, {3, 1, 0x55, 0x44}, {kChunk + 1, 1, 0x66, (kChunk + 1) % 251}}));
+    EXPECT_EQ(recorder->runs, (std::vector<Recorder::Seen>{
+                                  {3, 1, 0x44, 3}, {3, 1, 0x55, 0x44}, {kChunk + 1, 1, 0x66, (kChunk + 1) % 251}}));
     EXPECT_EQ(disk.memory->bytes(), disk.original);
     EXPECT_EQ(disk.counted->sectorsWritten, 0u);
     EXPECT_EQ(disk.counted->flushes, 0u);

@@ -44,3 +44,40 @@ TEST(StagingStorage, DeferredRangeIsWrittenLast)
 
 } // namespace
 } // namespace Platform
+
+namespace Platform {
+namespace {
+
+// A change larger than the memory limit: pages wait in the spill file, reads and the commit find
+// them there, and memory never holds more than the limit.
+TEST(StagingStorage, PagesBeyondTheMemoryLimitWaitInTheSpillFile)
+{
+    constexpr std::uint64_t kPage = 64;
+    auto base = makeRef<MemoryStorage>(512u, 12 * kPage);
+    auto counted = makeRef<TestSupport::CountingStorage>(base);
+    StagingStorage staging(counted, 2 * kPage * 512);
+    for (std::uint64_t page = 0; page < 12; ++page) {
+        std::vector<std::uint8_t> sectors(3 * 512, std::uint8_t(page + 1));
+        ASSERT_EQ(staging.write(page * kPage + 10, 3, sectors.data()), 3u);
+        EXPECT_LE(staging.memoryInUse(), 2 * kPage * 512);
+    }
+    EXPECT_EQ(staging.spilledPages(), 10u);
+    std::vector<std::uint8_t> back(512);
+    for (std::uint64_t page = 0; page < 12; ++page) {
+        ASSERT_EQ(staging.read(page * kPage + 11, 1, back.data()), 1u);
+        EXPECT_EQ(back[0], page + 1) << "page " << page;
+    }
+    EXPECT_LE(staging.memoryInUse(), 2 * kPage * 512);
+    EXPECT_EQ(counted->sectorsWritten, 0u);
+
+    ASSERT_TRUE(staging.commit());
+    for (std::uint64_t page = 0; page < 12; ++page) {
+        EXPECT_EQ(base->bytes()[(page * kPage + 9) * 512], 0);
+        EXPECT_EQ(base->bytes()[(page * kPage + 12) * 512], page + 1);
+        EXPECT_EQ(base->bytes()[(page * kPage + 13) * 512], 0);
+    }
+    EXPECT_EQ(counted->sectorsWritten, 36u);
+}
+
+} // namespace
+} // namespace Platform
