@@ -6,6 +6,7 @@
 #include "cli/plan.h"
 #include "cli/reg_command.h"
 #include "cli/report.h"
+#include "cli/run_journals.h"
 #include "cli/step_costs.h"
 #include "cli/terminal.h"
 #include "cli/windows_command.h"
@@ -38,6 +39,8 @@ int main(int argc, char** argv)
         return Cli::runBcdCommand(argc, argv);
     if (argc > 1 && std::string_view(argv[1]) == "windows")
         return Cli::runWindowsCommand(argc, argv);
+    if (argc > 1 && std::string_view(argv[1]) == "undo")
+        return Cli::runUndoCommand(argc, argv);
     const auto parsed = Cli::parseCommandLine(argc, argv);
     if (!parsed.options)
         return parsed.error.empty() ? parsed.exitCode : usageError(parsed.error);
@@ -56,13 +59,33 @@ int main(int argc, char** argv)
     Platform::SysLogStream::install(std::make_shared<Cli::StderrLog>());
     Platform::SysLogFilter::setLevel(options.logLevel);
 
+    // Each target's journal: an unfinished run is put back first, then this run is recorded.
+    std::vector<Platform::Ref<Platform::RunJournal>> journals;
+    std::string journalProblem;
+    const auto prepare = [&](Platform::FileStorage& target, Platform::CachedStorage& cache) {
+        if (options.noJournal)
+            return true;
+        const std::string folder = Cli::journalFolder(Cli::journalRoot(options.journalDir), target, journalProblem);
+        if (folder.empty() || !Cli::recoverUnfinishedRuns(folder, target, journalProblem))
+            return false;
+        journals.push_back(Cli::startJournal(folder, target));
+        cache.setObserver(journals.back());
+        return true;
+    };
     std::vector<Cli::Refusal> refused;
-    const auto keeper = Cli::buildKeeper(options, &refused);
+    const auto keeper = Cli::buildKeeper(options, &refused, prepare);
+    if (!keeper && !journalProblem.empty()) {
+        std::fprintf(stderr, "postclone: %s; nothing was changed by this run\n", journalProblem.c_str());
+        return kExitStepFailed;
+    }
     if (!keeper)
         return usageError("could not open the targets for post-processing");
     const auto costs = Platform::makeRef<Cli::StepCosts>(Cli::cachesOf(*keeper), Cli::progressForTerminal());
     Libraries::KRO::PostProcessing::PPHandler::process(
         keeper, Platform::Ref<Libraries::KRO::PostProcessing::PPNotifier>(costs));
+
+    for (const auto& journal : journals)
+        Cli::finishJournal(*journal);
 
     const std::string report =
         options.json ? Cli::jsonReport(*keeper, refused, costs.get()) : Cli::textReport(*keeper, refused);

@@ -113,6 +113,10 @@ ParseResult parseCommandLine(int argc, char** argv)
     app.add_option("--memory-limit", options.memoryLimitMiB,
                    "Most memory the run's disk caches hold, in MiB (default 256); changes beyond it wait in TMPDIR")
         ->check(CLI::Range(std::size_t(4), std::size_t(1) << 20));
+    app.add_option("--journal-dir", options.journalDir,
+                   "Where the run journals go (default /var/lib/postclone for root, else ~/.local/state/postclone)");
+    app.add_flag("--no-journal", options.noJournal,
+                 "Keep no run journal: a killed run is not taken back, and postclone undo cannot undo this run");
     app.add_option("--log-level", options.logLevel, "Lowest log level printed to stderr (1 detail .. 4 errors)")
         ->check(CLI::Range(1, 5));
     app.add_flag("--list-steps", options.listSteps, "List the step slots and exit");

@@ -45,6 +45,8 @@ struct Options {
     std::optional<PartitionPath> bcdTemplate; // path: the template store on that partition
     bool json = false;
     std::size_t memoryLimitMiB = 256; // the disk caches of the run, together
+    std::optional<std::string> journalDir;
+    bool noJournal = false;
     int logLevel = 2;
     bool listSteps = false;
     bool version = false;

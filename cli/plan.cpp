@@ -145,7 +145,8 @@ std::string checkMedia(const Options& options)
     return {};
 }
 
-Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusal>* refused)
+Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusal>* refused,
+                                      const TargetPreparation& prepare)
 {
     auto keeper = PP::Keeper::create();
     if (!keeper)
@@ -171,6 +172,8 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusa
         if (!targetFile || (i < options.sources.size() && !sourceFile))
             return {};
         const auto target = makeRef<CachedStorage>(targetFile, cacheLimit);
+        if (prepare && !prepare(*targetFile, *target))
+            return {};
         const auto source = sourceFile ? makeRef<CachedStorage>(sourceFile, cacheLimit) : Ref<CachedStorage>();
         keeper->addObjectEntry(PP::KindDiskStorage, source, target, disk, 0);
         describePartitions(keeper, disk, target, source, options, i, refused);

@@ -163,6 +163,23 @@ Ref<FileStorage> FileStorage::open(const std::string& path, Access access)
     return storage;
 }
 
+std::string FileStorage::identity() const
+{
+    struct stat info {};
+    if (::fstat(fd_, &info) != 0)
+        return "path:" + path_;
+    if (!blockDevice_)
+        return "file:" + std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+    const std::string number = deviceNumber(info.st_rdev);
+    std::string serial;
+    for (const char* name : {"device/serial", "device/wwid", "wwid", "serial"}) {
+        serial = readLine("/sys/dev/block/" + number + "/" + name);
+        if (!serial.empty())
+            break;
+    }
+    return "block:" + number + ":" + serial;
+}
+
 FileStorage::~FileStorage()
 {
     ::close(fd_);

@@ -34,6 +34,9 @@ public:
     std::string partitionTableChanged() override;
 
     const std::string& path() const { return path_; }
+    // What this target is, independent of the name it was opened by: "block:MAJOR:MINOR:SERIAL"
+    // (the serial or WWID the kernel reports, when there is one) or "file:DEVICE:INODE".
+    std::string identity() const;
 
     FileStorage(int fd, std::string path, std::uint32_t elementSize, std::uint64_t elementCount, bool blockDevice)
         : fd_(fd), path_(std::move(path)), elementSize_(elementSize), elementCount_(elementCount),

@@ -35,6 +35,8 @@ expect "--enable" --ena
 expect "--list-steps --log-level" --l
 expect "1 2 3" --preset ""
 expect "bcd" b
+expect "undo" u
+expect "--journal-dir" undo --j
 expect "cat" fs c
 expect "export get recover set" reg ""
 expect "show" bcd ""
