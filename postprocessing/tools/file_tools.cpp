@@ -4,6 +4,7 @@
 #include "platform/core/random.h"
 #include "platform/core/string_util.h"
 #include "platform/fs/allocation_iterator.h"
+#include "platform/fs/memory_file.h"
 #include "postprocessing/keeper_entries.h"
 #include "postprocessing/log_channels.h"
 #include "postprocessing/tools/storage_resolution.h"
@@ -44,7 +45,8 @@ private:
 
 } // namespace
 
-Ref<Platform::File> createTempFile()
+// A host file in the temporary folder, removed with its last reference.
+Ref<Platform::File> createHostTempFile()
 {
     const u32 number = Platform::Random::create()->upTo(0xFFFFFFFF);
     const std::string name = "ppfstab_" + Platform::StrConv::str(number, 16, 8);
@@ -59,6 +61,68 @@ Ref<Platform::File> createTempFile()
         return {};
     }
     return makeRef<TemporaryFile>(file, folder + "/" + name);
+}
+
+namespace {
+
+// A rewritten file in memory while it is small (fstab, grub.cfg: a few KiB), in a host temporary
+// file once it outgrows kInMemoryBytes.
+class GrowingTempFile : public Platform::File {
+public:
+    static constexpr u64 kInMemoryBytes = u64(1) << 20;
+
+    std::uint64_t size() override { return current().size(); }
+    bool seek(std::uint64_t position) override
+    {
+        position_ = position;
+        return current().seek(position);
+    }
+    std::uint64_t read(void* buffer, std::uint64_t length) override
+    {
+        const u64 done = current().read(buffer, length);
+        position_ += done;
+        return done;
+    }
+    std::uint64_t write(const void* buffer, std::uint64_t length) override
+    {
+        if (!host_ && position_ + length > kInMemoryBytes && !moveToHost())
+            return 0;
+        const u64 done = current().write(buffer, length);
+        position_ += done;
+        return done;
+    }
+    std::uint64_t resize(std::uint64_t size) override
+    {
+        if (!host_ && size > kInMemoryBytes && !moveToHost())
+            return current().size();
+        return current().resize(size);
+    }
+    bool flush() override { return current().flush(); }
+
+private:
+    Platform::File& current() { return host_ ? *host_ : memory_; }
+    bool moveToHost()
+    {
+        host_ = createHostTempFile();
+        const auto& bytes = memory_.bytes();
+        if (!host_ || host_->write(bytes.data(), bytes.size()) != bytes.size() || !host_->seek(position_)) {
+            host_.reset();
+            return false;
+        }
+        memory_.resize(0);
+        return true;
+    }
+
+    Platform::MemoryFile memory_;
+    Ref<Platform::File> host_;
+    u64 position_ = 0;
+};
+
+} // namespace
+
+Ref<Platform::File> createTempFile()
+{
+    return makeRef<GrowingTempFile>();
 }
 
 namespace Tools {
@@ -147,7 +211,7 @@ std::optional<std::vector<Platform::Area>> collectAllocation(Platform::File& fil
 
 bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target)
 {
-    constexpr std::size_t kBlock = 16384;
+    constexpr std::size_t kBlock = std::size_t(1) << 20; // few calls, whatever the file systems
     if (!source || !target)
         return false;
     source->seek(0);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 namespace Libraries::KRO::PostProcessing::Tools {
@@ -47,9 +49,9 @@ struct FileTools : testing::Test {
     }
 };
 
-TEST_F(FileTools, CopyResizesTheTargetAndMovesSixteenKibBlocks)
+TEST_F(FileTools, CopyResizesTheTargetAndMovesMebibyteBlocks)
 {
-    const std::string big(16385, 'x');
+    const std::string big((1 << 20) + 1, 'x');
     auto target = makeRef<RecordingFile>(fileWith("target", "old content that is longer than nothing"));
     ASSERT_TRUE(copyFile(fileWith("empty", ""), target));
     EXPECT_EQ(contentOf("target"), "");
@@ -57,19 +59,48 @@ TEST_F(FileTools, CopyResizesTheTargetAndMovesSixteenKibBlocks)
 
     ASSERT_TRUE(copyFile(fileWith("big", big), target));
     EXPECT_EQ(contentOf("target"), big);
-    EXPECT_EQ(target->writes, (std::vector<std::uint64_t>{16384, 1}));
+    EXPECT_EQ(target->writes, (std::vector<std::uint64_t>{1 << 20, 1}));
 
     ASSERT_TRUE(copyFile(fileWith("small", "short"), target)); // a shorter source shrinks the target
     EXPECT_EQ(contentOf("target"), "short");
 }
 
-TEST_F(FileTools, TemporaryFilesAreDistinctAndMissingPathsSayCode32)
+// A rewritten fstab stays in memory; a file that outgrows a mebibyte moves to the temporary
+// folder, with what was written so far, and leaves nothing behind.
+TEST_F(FileTools, TemporaryFilesStayInMemoryUntilTheyGrowLarge)
 {
-    auto first = createTempFile();
-    auto second = createTempFile();
-    ASSERT_TRUE(first && second);
-    EXPECT_EQ(first->write("a", 1), 1u);
-    EXPECT_EQ(second->size(), 0u);
+    const char* saved = std::getenv("TMPDIR");
+    const std::string previous = saved ? saved : "";
+    ::setenv("TMPDIR", dir.path().c_str(), 1);
+    const auto inFolder = [&] {
+        std::size_t count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
+            count += entry.path().filename().string().starts_with("ppfstab_");
+        return count;
+    };
+    {
+        auto first = createTempFile();
+        auto second = createTempFile();
+        ASSERT_TRUE(first && second);
+        EXPECT_EQ(first->write("a", 1), 1u);
+        EXPECT_EQ(second->size(), 0u);
+        EXPECT_EQ(inFolder(), 0u);
+
+        const std::string block(700 * 1024, 'b');
+        ASSERT_EQ(first->write(block.data(), block.size()), block.size());
+        ASSERT_EQ(first->write(block.data(), block.size()), block.size());
+        EXPECT_EQ(inFolder(), 1u);
+        EXPECT_EQ(first->size(), 1 + 2 * block.size());
+        std::string back(3, '\0');
+        ASSERT_TRUE(first->seek(0));
+        ASSERT_EQ(first->read(back.data(), 3), 3u);
+        EXPECT_EQ(back, "abb");
+    }
+    EXPECT_EQ(inFolder(), 0u);
+    if (saved)
+        ::setenv("TMPDIR", previous.c_str(), 1);
+    else
+        ::unsetenv("TMPDIR");
 
     EXPECT_FALSE(host->openFile("/missing", Platform::OpenFlags::Read));
     EXPECT_EQ(Platform::Error::get(), Platform::Error::PathNotFound);
