@@ -20,6 +20,7 @@ namespace {
 constexpr int kExitOk = 0;
 constexpr int kExitStepFailed = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitStopped = 130; // as a shell reports a program ended by SIGINT
 
 int usageError(const std::string& message)
 {
@@ -80,6 +81,7 @@ int main(int argc, char** argv)
     }
     if (!keeper)
         return usageError("could not open the targets for post-processing");
+    Cli::stopBetweenStepsOnSignals();
     const auto costs = Platform::makeRef<Cli::StepCosts>(Cli::cachesOf(*keeper), Cli::progressForTerminal());
     Libraries::KRO::PostProcessing::PPHandler::process(
         keeper, Platform::Ref<Libraries::KRO::PostProcessing::PPNotifier>(costs));
@@ -90,6 +92,11 @@ int main(int argc, char** argv)
     const std::string report =
         options.json ? Cli::jsonReport(*keeper, refused, costs.get()) : Cli::textReport(*keeper, refused);
     std::fputs(report.c_str(), stdout);
+    if (Cli::stopRequested()) {
+        std::fprintf(stderr, "postclone: stopped on request; the steps that ran are complete on the disk, the others "
+                             "did not begin (postclone undo takes this run back)\n");
+        return kExitStopped;
+    }
     // A disk postclone refused to touch is no success, even where every step found nothing.
     return Cli::anyStepFailed(*keeper) || !refused.empty() ? kExitStepFailed : kExitOk;
 }

@@ -2,6 +2,9 @@
 
 #include "postprocessing/keeper_entries.h"
 
+#include <atomic>
+#include <csignal>
+
 namespace Cli {
 
 namespace {
@@ -22,7 +25,34 @@ Platform::StorageCounters sum(const std::vector<Platform::Ref<Platform::CachedSt
     return total;
 }
 
+std::atomic<bool> stopAsked{false};
+
+void askToStop(int)
+{
+    stopAsked.store(true);
+}
+
 } // namespace
+
+void stopBetweenStepsOnSignals()
+{
+    struct sigaction action {};
+    action.sa_handler = askToStop;
+    action.sa_flags = SA_RESETHAND; // the second signal has its default effect
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+bool stopRequested()
+{
+    return stopAsked.load();
+}
+
+bool StepCosts::cancelled()
+{
+    return stopRequested();
+}
 
 std::vector<Platform::Ref<Platform::CachedStorage>> cachesOf(const Libraries::KRO::PostProcessing::Keeper& keeper)
 {

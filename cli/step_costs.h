@@ -13,6 +13,11 @@ namespace Cli {
 // The caches under the keeper's disks, targets and sources.
 std::vector<Platform::Ref<Platform::CachedStorage>> cachesOf(const Libraries::KRO::PostProcessing::Keeper& keeper);
 
+// The first SIGINT or SIGTERM asks the run to stop after the step in progress (a second one ends
+// the process at once, which the run journal puts right at the next run).
+void stopBetweenStepsOnSignals();
+bool stopRequested();
+
 class StepCosts : public Platform::Object, public virtual Libraries::KRO::PostProcessing::PPNotifier {
 public:
     StepCosts(std::vector<Platform::Ref<Platform::CachedStorage>> disks,
@@ -20,6 +25,8 @@ public:
 
     void progress(double fraction) override;
     void completed() override;
+    // After the first SIGINT or SIGTERM (see stopBetweenStepsOnSignals).
+    bool cancelled() override;
     // The disks' work since the last report goes to this step; a group of slots reported
     // together (the system-hive switches) shows it on the first of them.
     void stepFinished(std::uint32_t step, Libraries::KRO::PostProcessing::StepResult result) override;

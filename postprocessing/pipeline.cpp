@@ -46,6 +46,7 @@ private:
     bool preflight();
     void refuseAll();
     void changeDiskIds();
+    void volumeIds();
     void partitionType();
     void gptMigrationOrBcd();
     void systemHive();
@@ -87,12 +88,25 @@ private:
     }
     void report(s32 slot);
     void advance();
+    // Asked before each step: once the caller cancelled, no further step starts, and the slots
+    // not reached stay "Not accessed".
+    bool cancelled();
 
     Ref<Keeper> keeper_;
     Ref<PPNotifier> notifier_;
     const PipelineSteps& steps_;
     u64 counter_ = 0;
+    bool cancelled_ = false;
 };
+
+bool Run::cancelled()
+{
+    if (!cancelled_ && notifier_ && notifier_->cancelled()) {
+        cancelled_ = true;
+        LogMessage(Channels::handler(), LogWarning) << "Cancelled: the steps not yet begun do not run";
+    }
+    return cancelled_;
+}
 
 // What every step would need before the first write: a run that could not finish is not
 // started, since a disk with new ids and old files naming them no longer boots.
@@ -130,18 +144,7 @@ void Run::execute()
     changeDiskIds();
     stage(StepMbrChs, "MBR CHS adjustment: ", steps_.adjustMbrCHS);
     stage(StepMediaDirect, "Dell MediaDirect: ", steps_.removeMediaDirect);
-    // New volume ids recorded by the caller switch this step on by themselves.
-    const bool fsIdsWanted = keeper_->isEnabled(StepFsIds) || keeper_->findNext(KindVolumeIdChange, 0, 0) != 0;
-    if (fsIdsWanted && steps_.changeVolumeIds) {
-        announce(stepLabel(StepFsIds));
-        const StepResult result = writtenBack(StepFsIds, invoke(steps_.changeVolumeIds));
-        keeper_->setResult(StepFsIds, result);
-        outcome("fs id change: ", result);
-    } else {
-        keeper_->setResult(StepFsIds, StepResult::NotActivated);
-    }
-    report(StepFsIds);
-    advance();
+    volumeIds();
     stage(StepLbaPatch, "Win LBA patch: ", steps_.applyLbaPatch);
     stage(StepPartitionChs, "Partition CHS adjustments: ", steps_.adjustPartitionCHS);
     stage(StepFsOffset, "fs offset adjustment: ", steps_.adjustFsOffset);
@@ -165,6 +168,8 @@ void Run::execute()
 // Runs even with both switches off: the step then only reads the current ids.
 void Run::changeDiskIds()
 {
+    if (cancelled())
+        return;
     announce(stepLabel(StepDiskIds));
     StepResult result = StepResult::NotActivated;
     if (steps_.changeDiskIds) {
@@ -189,10 +194,30 @@ void Run::changeDiskIds()
     advance();
 }
 
+// New volume ids recorded by the caller switch this step on by themselves.
+void Run::volumeIds()
+{
+    if (cancelled())
+        return;
+    const bool wanted = keeper_->isEnabled(StepFsIds) || keeper_->findNext(KindVolumeIdChange, 0, 0) != 0;
+    if (wanted && steps_.changeVolumeIds) {
+        announce(stepLabel(StepFsIds));
+        const StepResult result = writtenBack(StepFsIds, invoke(steps_.changeVolumeIds));
+        keeper_->setResult(StepFsIds, result);
+        outcome("fs id change: ", result);
+    } else {
+        keeper_->setResult(StepFsIds, StepResult::NotActivated);
+    }
+    report(StepFsIds);
+    advance();
+}
+
 // Slot 7 (transfer, told whether slot 6 is on) takes precedence over slot 6 (adjust only); the
 // slot that did not run reads "Not activated". Only slot 6 is reported.
 void Run::partitionType()
 {
+    if (cancelled())
+        return;
     const bool adjustOn = keeper_->isEnabled(StepPartitionType);
     if (keeper_->isEnabled(StepTransferPartitionType) && steps_.transferOrAdjustPartitionType) {
         announce(stepLabel(StepTransferPartitionType));
@@ -218,6 +243,8 @@ void Run::partitionType()
 // A GPT migration replaces both BCD steps.
 void Run::gptMigrationOrBcd()
 {
+    if (cancelled())
+        return;
     if (keeper_->isEnabled(StepGptMigration) && steps_.migrateGpt) {
         const StepResult result = writtenBack(StepGptMigration, invoke(steps_.migrateGpt));
         keeper_->setResult(StepGptMigration, result);
@@ -234,6 +261,8 @@ void Run::gptMigrationOrBcd()
 // Always runs; the adjustment reads the sub-switches and stores their results itself.
 void Run::systemHive()
 {
+    if (cancelled())
+        return;
     announce("Adjusting system hive");
     subSwitch(StepIde);
     subSwitch(StepAhci);
@@ -256,6 +285,8 @@ void Run::systemHive()
 // Either switch runs the step; its result lands in slot 25.
 void Run::grubSectorLists()
 {
+    if (cancelled())
+        return;
     const bool wanted = keeper_->isEnabled(StepGrubSectors) || keeper_->isEnabled(StepGrubSectorsAlt);
     if (wanted && steps_.adjustGrubSectorLists) {
         announce(stepLabel(StepGrubSectors));
@@ -272,6 +303,8 @@ void Run::grubSectorLists()
 
 void Run::singleStep(s32 slot, const char* outcomeLabel, const PipelineSteps::Step& step)
 {
+    if (cancelled())
+        return;
     if (!keeper_->isEnabled(slot) || !step) {
         keeper_->setResult(slot, StepResult::NotActivated);
         return;

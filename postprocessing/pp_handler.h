@@ -20,6 +20,7 @@ public:
     explicit PPNotifierObj(Ref<Interfaces::ProgressNotifier> progress) : progress_(std::move(progress)) {}
     void progress(double fraction) override;
     void completed() override;
+    bool cancelled() override { return progress_ && progress_->cancelled(); }
     void stepFinished(u32, StepResult) override {}
 
 private:

@@ -11,6 +11,8 @@ public:
     virtual void progress(double fraction) = 0;
     // The operation is complete; by default a last progress report of 1.
     virtual void completed() { progress(1.0); }
+    // Asked between the parts of the operation: true stops it there, never inside a part.
+    virtual bool cancelled() { return false; }
 };
 
 } // namespace Interfaces

@@ -79,10 +79,7 @@ protected:
         args.insert(args.begin(), POSTCLONE_BINARY);
         return run(args);
     }
-    TestSupport::CommandResult presetOne()
-    {
-        return postclone({"--preset", "1", "--journal-dir", journals, image});
-    }
+    TestSupport::CommandResult presetOne() { return postclone({"--preset", "1", "--journal-dir", journals, image}); }
     std::string rootOffset() const { return std::to_string(kRootStart * 512); }
 
     // Every place that names the root file system names the one it has, and it is sound.
@@ -90,8 +87,7 @@ protected:
     {
         const auto check = run({"e2fsck", "-fn", image + "?offset=" + rootOffset()});
         EXPECT_EQ(check.exitCode, 0) << context << ":\n" << check.out << check.err;
-        const std::string uuid =
-            sh("blkid -p -O " + rootOffset() + " -o value -s UUID '" + image + "' | tr -d '\\n'");
+        const std::string uuid = sh("blkid -p -O " + rootOffset() + " -o value -s UUID '" + image + "' | tr -d '\\n'");
         EXPECT_NE(uuid, kRootUuid) << context;
         const std::string backup = sh("dumpe2fs -o superblock=32768 -o blocksize=4096 -h '" + image +
                                       "?offset=" + rootOffset() + "' 2>/dev/null | sed -n 's/^Filesystem UUID: *//p'");

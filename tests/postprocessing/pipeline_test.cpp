@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 
 namespace Libraries::KRO::PostProcessing {
@@ -236,6 +237,37 @@ TEST(PPHandler, ResultWords)
     EXPECT_STREQ(resultWord(StepResult::NotAccessed), "Not accessed");
     EXPECT_STREQ(resultWord(StepResult::Failed), "FAILED");
     EXPECT_STREQ(resultWord(StepResult(9)), "");
+}
+
+} // namespace
+} // namespace Libraries::KRO::PostProcessing
+
+namespace Libraries::KRO::PostProcessing {
+namespace {
+
+// Cancelled while the volume ids were changed: that step ends and reports, no later step begins,
+// and the slots not reached read "Not accessed".
+TEST(Pipeline, ACancelledRunStopsBetweenSteps)
+{
+    class CancelAfterVolumeIds : public RecordingNotifier {
+    public:
+        bool cancelled() override
+        {
+            return std::any_of(finished.begin(), finished.end(),
+                               [](const auto& step) { return step.first == u32(StepFsIds); });
+        }
+    };
+    FakeSteps fake;
+    auto keeper = keeperWith({StepDiskIds, StepMbrChs, StepFsIds, StepPartitionChs, StepGrubConfig, StepFstab});
+    auto notifier = makeRef<CancelAfterVolumeIds>();
+    Platform::ScopedLogCapture log;
+    runPipeline(keeper, notifier, fake.steps);
+
+    EXPECT_EQ(fake.calls, (std::vector<std::string>{"changeDiskIds", "adjustMbrCHS", "changeVolumeIds"}));
+    EXPECT_EQ(keeper->getResult(StepFsIds), StepResult::Ok);
+    for (s32 slot : {StepPartitionChs, StepIde, StepGrubConfig, StepFstab})
+        EXPECT_EQ(keeper->getResult(slot), StepResult::NotAccessed) << "slot " << slot;
+    EXPECT_TRUE(log.sink().contains("PP Handler", 3, "Cancelled: the steps not yet begun do not run"));
 }
 
 } // namespace
