@@ -6,6 +6,7 @@
 #include "platform/storage/area_translator.h"
 #include "platform/storage/cached_storage.h"
 #include "platform/storage/file_storage.h"
+#include "platform/storage/memory_budget.h"
 #include "platform/storage/window_storage.h"
 #include "postprocessing/pp_handler.h"
 
@@ -156,8 +157,9 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusa
     for (const auto& change : options.switches)
         keeper->setEnabled(change.slot, change.on);
 
-    const std::size_t caches = options.targets.size() + options.sources.size();
-    const std::size_t cacheLimit = (options.memoryLimitMiB << 20) / std::max<std::size_t>(1, caches);
+    // One budget for the caches and the changes steps stage, whatever their number.
+    const std::size_t cacheLimit = options.memoryLimitMiB << 20;
+    Platform::MemoryBudget::setLimit(cacheLimit);
     for (std::size_t i = 0; i < options.targets.size(); ++i) {
         PP::VariantList from;
         if (i < options.sources.size())

@@ -1,6 +1,7 @@
 #include "platform/storage/cached_storage.h"
 
 #include "platform/core/error.h"
+#include "platform/storage/memory_budget.h"
 #include "platform/storage/spill_file.h"
 
 #include <algorithm>
@@ -38,7 +39,27 @@ CachedStorage::CachedStorage(Ref<Interfaces::Storage> base, std::size_t memoryLi
 {
 }
 
-CachedStorage::~CachedStorage() = default;
+CachedStorage::~CachedStorage()
+{
+    MemoryBudget::account(-std::ptrdiff_t(memoryInUse_));
+}
+
+void CachedStorage::take(std::size_t bytes)
+{
+    memoryInUse_ += bytes;
+    MemoryBudget::account(std::ptrdiff_t(bytes));
+}
+
+void CachedStorage::giveBack(std::size_t bytes)
+{
+    memoryInUse_ -= bytes;
+    MemoryBudget::account(-std::ptrdiff_t(bytes));
+}
+
+bool CachedStorage::overLimit() const
+{
+    return memoryInUse_ > memoryLimit_ || MemoryBudget::exceeded();
+}
 
 std::uint64_t CachedStorage::chunkCount() const
 {
@@ -89,7 +110,7 @@ bool CachedStorage::loadRange(std::uint64_t first, std::uint64_t last)
             loaded.data = copyOf(buffer.data() + offset * size, chunkBytes(c));
             loaded.lru = lru_.insert(lru_.end(), c);
             loaded.inLru = true;
-            memoryInUse_ += chunkBytes(c);
+            take(chunkBytes(c));
         }
         if (got < sectors)
             return false;
@@ -124,7 +145,7 @@ CachedStorage::Chunk* CachedStorage::load(std::uint64_t index)
         }
         chunk.spillSlot = -1;
         --spilledChunks_;
-        memoryInUse_ += hasOriginal ? 2 * bytes : bytes;
+        take(hasOriginal ? 2 * bytes : bytes);
     }
     touch(index, chunk);
     return &chunk;
@@ -163,7 +184,7 @@ void CachedStorage::markDirty(std::uint64_t index, Chunk& chunk, std::uint64_t s
 {
     if (chunk.dirty.none() && !chunk.original) {
         chunk.original = copyOf(chunk.data.get(), chunkBytes(index));
-        memoryInUse_ += chunkBytes(index);
+        take(chunkBytes(index));
         if (chunk.inLru) {
             lru_.erase(chunk.lru);
             chunk.inLru = false;
@@ -216,7 +237,7 @@ void CachedStorage::dropClean(std::uint64_t index)
 {
     const auto it = chunks_.find(index);
     lru_.erase(it->second.lru);
-    memoryInUse_ -= chunkBytes(index);
+    giveBack(chunkBytes(index));
     chunks_.erase(it);
 }
 
@@ -230,7 +251,7 @@ bool CachedStorage::spill(std::uint64_t index, Chunk& chunk)
         chunk.original ? std::span<const std::uint8_t>(chunk.original.get(), bytes) : std::span<const std::uint8_t>());
     if (slot < 0)
         return false;
-    memoryInUse_ -= chunk.original ? 2 * bytes : bytes;
+    giveBack(chunk.original ? 2 * bytes : bytes);
     chunk.data.reset();
     chunk.original.reset();
     chunk.spillSlot = slot;
@@ -243,12 +264,12 @@ bool CachedStorage::spill(std::uint64_t index, Chunk& chunk)
 // failing.
 void CachedStorage::makeRoom()
 {
-    while (memoryInUse_ > memoryLimit_ && !lru_.empty())
+    while (overLimit() && !lru_.empty())
         dropClean(lru_.front());
-    if (memoryInUse_ <= memoryLimit_)
+    if (!overLimit())
         return;
     for (auto& [index, chunk] : chunks_) {
-        if (memoryInUse_ <= memoryLimit_)
+        if (!overLimit())
             return;
         if (chunk.data && !chunk.inLru && !spill(index, chunk))
             return;
@@ -303,7 +324,7 @@ void CachedStorage::discardChanges()
         std::memcpy(chunk.data.get(), chunk.original.get(), chunkBytes(index));
         chunk.dirty.reset();
         chunk.original.reset();
-        memoryInUse_ -= chunkBytes(index);
+        giveBack(chunkBytes(index));
         if (!chunk.overlay) {
             chunk.lru = lru_.insert(lru_.end(), index);
             chunk.inLru = true;
@@ -384,7 +405,7 @@ void CachedStorage::settle(std::uint64_t index)
     }
     chunk.dirty.reset();
     chunk.original.reset();
-    memoryInUse_ -= chunkBytes(index);
+    giveBack(chunkBytes(index));
     if (observer_ && observer_->withholdsWrites()) {
         chunk.overlay = true;
     } else if (!chunk.overlay) {

@@ -102,6 +102,10 @@ private:
         bool overlay = false; // holds content the disk does not have (a dry run): never dropped
     };
 
+    void take(std::size_t bytes);
+    void giveBack(std::size_t bytes);
+    // Over this cache's own limit, or the process's memory budget is.
+    bool overLimit() const;
     std::uint64_t chunkCount() const;
     std::uint64_t sectorsIn(std::uint64_t chunk) const;
     std::size_t chunkBytes(std::uint64_t chunk) const { return std::size_t(sectorsIn(chunk)) * elementSize(); }

@@ -1,5 +1,7 @@
 #include "platform/storage/staging_storage.h"
 
+#include "platform/storage/memory_budget.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -10,7 +12,10 @@ StagingStorage::StagingStorage(Ref<Interfaces::Storage> base, std::size_t memory
 {
 }
 
-StagingStorage::~StagingStorage() = default;
+StagingStorage::~StagingStorage()
+{
+    MemoryBudget::account(-std::ptrdiff_t(memoryInUse()));
+}
 
 std::uint64_t StagingStorage::read(std::uint64_t index, std::uint64_t count, void* buffer)
 {
@@ -48,6 +53,7 @@ std::uint8_t* StagingStorage::resident(Page& page)
         --spilledPages_;
     }
     ++pagesInMemory_;
+    MemoryBudget::account(std::ptrdiff_t(pageBytes()));
     return page.bytes.get();
 }
 
@@ -55,12 +61,13 @@ std::uint8_t* StagingStorage::resident(Page& page)
 // failing.
 void StagingStorage::makeRoom(const Page* keep)
 {
-    if (memoryInUse() <= memoryLimit_ || spillFailed_)
+    const auto overLimit = [this] { return memoryInUse() > memoryLimit_ || MemoryBudget::exceeded(); };
+    if (!overLimit() || spillFailed_)
         return;
     if (!spill_)
         spill_ = std::make_unique<SpillFile>(pageBytes());
     for (auto& [index, page] : pages_) {
-        if (memoryInUse() <= memoryLimit_)
+        if (!overLimit())
             return;
         if (!page.bytes || &page == keep)
             continue;
@@ -72,6 +79,7 @@ void StagingStorage::makeRoom(const Page* keep)
         page.bytes.reset();
         page.slot = slot;
         --pagesInMemory_;
+        MemoryBudget::account(-std::ptrdiff_t(pageBytes()));
         ++spilledPages_;
     }
 }
@@ -165,6 +173,7 @@ bool StagingStorage::commit(std::uint64_t lastFirst, std::uint64_t lastEnd)
 void StagingStorage::discard()
 {
     pages_.clear();
+    MemoryBudget::account(-std::ptrdiff_t(memoryInUse()));
     pagesInMemory_ = 0;
     spill_.reset();
     spilledPages_ = 0;

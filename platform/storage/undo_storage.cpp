@@ -1,9 +1,45 @@
 #include "platform/storage/undo_storage.h"
 
+#include "platform/storage/memory_budget.h"
+#include "platform/storage/spill_file.h"
+
 #include <algorithm>
 #include <cstring>
 
 namespace Platform {
+
+namespace {
+// Old contents wait in the spill file in slots of this size; longer runs are kept as several.
+constexpr std::size_t kSlotBytes = std::size_t(1) << 20;
+} // namespace
+
+UndoStorage::UndoStorage(Ref<Interfaces::Storage> base) : base_(std::move(base)) {}
+
+UndoStorage::~UndoStorage()
+{
+    keep();
+}
+
+// Over the process's memory budget: the oldest kept contents go to the spill file first. When it
+// cannot take them, they stay: memory over the budget is better than no way back.
+void UndoStorage::makeRoom()
+{
+    for (auto& run : runs_) {
+        if (!MemoryBudget::exceeded() || spillFailed_)
+            return;
+        if (run.bytes.empty())
+            continue;
+        if (!spill_)
+            spill_ = std::make_unique<SpillFile>(kSlotBytes);
+        run.slot = spill_->store(run.bytes);
+        if (run.slot < 0) {
+            spillFailed_ = true;
+            return;
+        }
+        MemoryBudget::account(-std::ptrdiff_t(run.bytes.size()));
+        std::vector<std::uint8_t>().swap(run.bytes); // assigning {} would keep the capacity
+    }
+}
 
 // Keeps the old contents of the sectors of [index, index + count) not kept yet, read in one go.
 bool UndoStorage::save(std::uint64_t index, std::uint64_t count)
@@ -17,14 +53,20 @@ bool UndoStorage::save(std::uint64_t index, std::uint64_t count)
     while (last > first && saved_.contains(last - 1))
         --last;
     const std::size_t size = elementSize();
-    Saved run{first, last - first, std::vector<std::uint8_t>(std::size_t(last - first) * size)};
-    if (base_->read(first, run.count, run.bytes.data()) != run.count)
-        return false;
+    const std::uint64_t perRun = std::max<std::uint64_t>(1, kSlotBytes / size);
+    for (std::uint64_t at = first; at < last; at += perRun) {
+        Saved run{at, std::min(perRun, last - at), {}, -1};
+        run.bytes.resize(std::size_t(run.count) * size);
+        if (base_->read(run.index, run.count, run.bytes.data()) != run.count)
+            return false;
+        MemoryBudget::account(std::ptrdiff_t(run.bytes.size()));
+        runs_.push_back(std::move(run));
+    }
     // Sectors inside the run that were kept earlier keep their older contents: restoring the
     // runs newest first puts those back last.
     for (std::uint64_t sector = first; sector < last; ++sector)
         saved_.insert(sector);
-    runs_.push_back(std::move(run));
+    makeRoom();
     return true;
 }
 
@@ -53,8 +95,19 @@ UndoStorage::Outcome UndoStorage::run(const std::function<bool()>& change)
 bool UndoStorage::rollback()
 {
     bool restored = true;
-    for (auto run = runs_.rbegin(); run != runs_.rend(); ++run)
-        restored = base_->write(run->index, run->count, run->bytes.data()) == run->count && restored;
+    std::vector<std::uint8_t> spilled;
+    for (auto run = runs_.rbegin(); run != runs_.rend(); ++run) {
+        const std::uint8_t* bytes = run->bytes.data();
+        if (run->slot >= 0) {
+            spilled.resize(std::size_t(run->count) * elementSize());
+            if (!spill_->peek(run->slot, spilled)) {
+                restored = false;
+                continue;
+            }
+            bytes = spilled.data();
+        }
+        restored = base_->write(run->index, run->count, bytes) == run->count && restored;
+    }
     restored = base_->flush() && restored;
     keep();
     return restored;
@@ -62,8 +115,12 @@ bool UndoStorage::rollback()
 
 void UndoStorage::keep()
 {
+    for (const auto& run : runs_)
+        MemoryBudget::account(-std::ptrdiff_t(run.bytes.size()));
     runs_.clear();
     saved_.clear();
+    spill_.reset();
+    spillFailed_ = false;
 }
 
 } // namespace Platform

@@ -1,11 +1,14 @@
 #pragma once
 // A storage that remembers what each sector held before a change first wrote it, so that a change
 // whose write fails part-way can be taken back: the structure is then old again, not half new.
-// Reads pass through; memory grows with the sectors a change writes, not with the storage.
+// Reads pass through; the old contents are kept in memory within the process's memory budget and
+// in a spill file beyond it.
 
+#include "platform/storage/spill_file.h"
 #include "platform/storage/storage.h"
 
 #include <functional>
+#include <memory>
 #include <unordered_set>
 #include <vector>
 
@@ -13,7 +16,10 @@ namespace Platform {
 
 class UndoStorage : public Object, public virtual Interfaces::Storage {
 public:
-    explicit UndoStorage(Ref<Interfaces::Storage> base) : base_(std::move(base)) {}
+    explicit UndoStorage(Ref<Interfaces::Storage> base);
+    ~UndoStorage() override;
+    UndoStorage(const UndoStorage&) = delete;
+    UndoStorage& operator=(const UndoStorage&) = delete;
 
     std::uint32_t elementSize() const override { return base_->elementSize(); }
     std::uint64_t elementCount() const override { return base_->elementCount(); }
@@ -44,14 +50,18 @@ private:
     struct Saved {
         std::uint64_t index;
         std::uint64_t count;
-        std::vector<std::uint8_t> bytes;
+        std::vector<std::uint8_t> bytes; // empty while in the spill file
+        std::int64_t slot;
     };
 
     bool save(std::uint64_t index, std::uint64_t count);
+    void makeRoom();
 
     Ref<Interfaces::Storage> base_;
     std::vector<Saved> runs_;
     std::unordered_set<std::uint64_t> saved_;
+    std::unique_ptr<SpillFile> spill_;
+    bool spillFailed_ = false;
 };
 
 } // namespace Platform
