@@ -43,9 +43,12 @@ test-real: build
 demo: build
 	@scripts/demo $(BUILD)/cli/postclone
 
-# Costs that grow with the input: sectors touched and time per step.
+# Costs that grow with the input: sectors touched and time per step; preset 1 traced on a
+# 4-partition disk; the peak memory of an ext4 UUID change at 100,000 and 1,000,000 files (minutes).
 bench: build
 	@for b in $(BUILD)/benchmarks/*_benchmark; do $$b; done
+	@benchmarks/preset_io_benchmark.py $(BUILD)/cli/postclone
+	@benchmarks/ext_uuid_memory_benchmark.py $(BUILD)/cli/postclone
 
 # AddressSanitizer and UndefinedBehaviorSanitizer over the whole suite.
 asan: setup

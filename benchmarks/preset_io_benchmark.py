@@ -108,8 +108,10 @@ CALL = re.compile(r"^(?:\d+ +)?(\w+)\((\d+)?(.*)\) += (-?\d+)")
 
 def traced_run(postclone, disk, work):
     trace = os.path.join(work, "trace")
+    # The run journal (where this postclone keeps one) goes to the work folder.
+    environment = dict(os.environ, POSTCLONE_JOURNAL_DIR=os.path.join(work, "journals"))
     subprocess.run(["strace", "-f", "-qq", "-o", trace, "-e", "signal=none", postclone, "--preset", "1", disk],
-                   check=False, capture_output=True)
+                   check=False, capture_output=True, env=environment)
     calls = collections.Counter()
     image_fds = set()
     reads = collections.Counter()

@@ -1,11 +1,11 @@
 #include "platform/storage/run_journal.h"
 
 #include "platform/core/crc32.h"
+#include "platform/storage/sector_set.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <map>
 #include <unistd.h>
 
 namespace Platform {
@@ -226,17 +226,11 @@ std::uint64_t JournalFile::sectors() const
 bool JournalFile::targetHoldsRunResult(Interfaces::Storage& target, std::uint64_t& changedSector) const
 {
     // Sectors a later record wrote again: their content after an earlier record is not known.
-    std::map<std::uint64_t, std::uint64_t> later; // first -> end, disjoint
-    const auto overlapsLater = [&](std::uint64_t first, std::uint64_t end) {
-        auto it = later.upper_bound(first);
-        if (it != later.begin() && std::prev(it)->second > first)
-            return true;
-        return it != later.end() && it->first < end;
-    };
+    SectorSet later;
     std::vector<std::uint8_t> now;
     for (auto record = records_.rbegin(); record != records_.rend(); ++record) {
         const std::uint64_t end = record->first + record->count;
-        if (!overlapsLater(record->first, end)) {
+        if (!later.overlaps(record->first, end)) {
             now.resize(std::size_t(record->count) * target.elementSize());
             if (target.read(record->first, record->count, now.data()) != record->count ||
                 crc32(now) != record->crcAfter) {
@@ -244,7 +238,7 @@ bool JournalFile::targetHoldsRunResult(Interfaces::Storage& target, std::uint64_
                 return false;
             }
         }
-        later[record->first] = std::max(later[record->first], end);
+        later.insert(record->first, end);
     }
     return true;
 }

@@ -64,8 +64,7 @@ bool UndoStorage::save(std::uint64_t index, std::uint64_t count)
     }
     // Sectors inside the run that were kept earlier keep their older contents: restoring the
     // runs newest first puts those back last.
-    for (std::uint64_t sector = first; sector < last; ++sector)
-        saved_.insert(sector);
+    saved_.insert(first, last);
     makeRoom();
     return true;
 }

@@ -4,12 +4,12 @@
 // Reads pass through; the old contents are kept in memory within the process's memory budget and
 // in a spill file beyond it.
 
+#include "platform/storage/sector_set.h"
 #include "platform/storage/spill_file.h"
 #include "platform/storage/storage.h"
 
 #include <functional>
 #include <memory>
-#include <unordered_set>
 #include <vector>
 
 namespace Platform {
@@ -59,7 +59,7 @@ private:
 
     Ref<Interfaces::Storage> base_;
     std::vector<Saved> runs_;
-    std::unordered_set<std::uint64_t> saved_;
+    SectorSet saved_;
     std::unique_ptr<SpillFile> spill_;
     bool spillFailed_ = false;
 };
