@@ -3,7 +3,7 @@
 # the code links, and unpacked into an empty root (dpkg -x) the tool runs against the unpacked
 # library, its man page renders and its completion works.
 # Arguments: the folder `make deb` wrote, the project's version, the build's postclone, this folder.
-# Exits 77 (skipped) when no package was built: run `make deb` (make test does).
+# Exits 77 (skipped) when no package was built from this tree: run `make deb` (make test does).
 set -euo pipefail
 debs=$1 version=$2 built=$3 here=$4
 arch=$(dpkg --print-architecture)
@@ -12,6 +12,11 @@ library=$debs/libpostclone${version%.*}_${version}_$arch.deb
 dev=$debs/libpostclone-dev_${version}_$arch.deb
 if [ ! -f "$tool" ]; then
   echo "no postclone_${version}_$arch.deb in $debs: run make deb"
+  exit 77
+fi
+# make test builds the packages from the tree it tests; packages of another tree say nothing of it.
+if [ "$(cat "$debs/tree-id" 2>/dev/null)" != "$("$here/../../scripts/tree-id")" ]; then
+  echo "the packages in $debs were built from another state of the tree: run make deb"
   exit 77
 fi
 
