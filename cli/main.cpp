@@ -1,6 +1,7 @@
 // postclone: post-processes cloned, restored or migrated disks so that they boot and are unique.
 
 #include "cli/bcd_command.h"
+#include "cli/dry_run.h"
 #include "cli/fs_command.h"
 #include "cli/options.h"
 #include "cli/plan.h"
@@ -13,6 +14,7 @@
 #include "postprocessing/pp_handler.h"
 
 #include <cstdio>
+#include <memory>
 #include <string_view>
 
 namespace {
@@ -60,10 +62,18 @@ int main(int argc, char** argv)
     Platform::SysLogStream::install(std::make_shared<Cli::StderrLog>());
     Platform::SysLogFilter::setLevel(options.logLevel);
 
-    // Each target's journal: an unfinished run is put back first, then this run is recorded.
+    // Each target's journal: an unfinished run is put back first, then this run is recorded. A dry
+    // run writes nothing, so it keeps no journal and leaves an unfinished one to the next real run.
     std::vector<Platform::Ref<Platform::RunJournal>> journals;
     std::string journalProblem;
+    const auto dryRun = options.dryRun ? std::make_unique<Cli::DryRun>() : nullptr;
     const auto prepare = [&](Platform::FileStorage& target, Platform::CachedStorage& cache) {
+        if (dryRun) {
+            Cli::warnOfUnfinishedRuns(options.noJournal ? std::string() : Cli::journalRoot(options.journalDir),
+                                      target);
+            dryRun->hold(target.path(), cache);
+            return true;
+        }
         if (options.noJournal)
             return true;
         const std::string folder = Cli::journalFolder(Cli::journalRoot(options.journalDir), target, journalProblem);
@@ -83,18 +93,21 @@ int main(int argc, char** argv)
         return usageError("could not open the targets for post-processing");
     Cli::stopBetweenStepsOnSignals();
     const auto costs = Platform::makeRef<Cli::StepCosts>(Cli::cachesOf(*keeper), Cli::progressForTerminal());
+    if (dryRun)
+        costs->afterEachStep([&](std::uint32_t step) { dryRun->stepFinished(step); });
     Libraries::KRO::PostProcessing::PPHandler::process(
         keeper, Platform::Ref<Libraries::KRO::PostProcessing::PPNotifier>(costs));
 
     for (const auto& journal : journals)
         Cli::finishJournal(*journal);
 
-    const std::string report =
-        options.json ? Cli::jsonReport(*keeper, refused, costs.get()) : Cli::textReport(*keeper, refused);
+    const std::string report = options.json ? Cli::jsonReport(*keeper, refused, costs.get(), dryRun.get())
+                                             : Cli::textReport(*keeper, refused, dryRun.get());
     std::fputs(report.c_str(), stdout);
     if (Cli::stopRequested()) {
-        std::fprintf(stderr, "postclone: stopped on request; the steps that ran are complete on the disk, the others "
-                             "did not begin (postclone undo takes this run back)\n");
+        std::fprintf(stderr, dryRun ? "postclone: stopped on request; the report shows the steps that ran\n"
+                                    : "postclone: stopped on request; the steps that ran are complete on the disk, "
+                                      "the others did not begin (postclone undo takes this run back)\n");
         return kExitStopped;
     }
     // A disk postclone refused to touch is no success, even where every step found nothing.

@@ -110,6 +110,9 @@ ParseResult parseCommandLine(int argc, char** argv)
                    "[T:]PART=PATH: the store a new boot configuration is made from (default: the newest Windows' "
                    "Windows/System32/config/BCD-Template)");
     app.add_flag("--json", options.json, "Print the report as one JSON object");
+    app.add_flag("--dry-run", options.dryRun,
+                 "Run every step against a copy-on-write view of each TARGET and of the --mounted folders: nothing "
+                 "is written; the report lists the sectors and files each step would change, with diffs");
     app.add_option("--memory-limit", options.memoryLimitMiB,
                    "Most memory the run's disk caches hold, in MiB (default 256); changes beyond it wait in TMPDIR")
         ->check(CLI::Range(std::size_t(4), std::size_t(1) << 20));

@@ -44,6 +44,7 @@ struct Options {
     std::vector<PartitionPath> efiPartitions; // path empty
     std::optional<PartitionPath> bcdTemplate; // path: the template store on that partition
     bool json = false;
+    bool dryRun = false; // targets opened read-only, every change kept in memory and reported
     std::size_t memoryLimitMiB = 256; // the disk caches of the run, together
     std::optional<std::string> journalDir;
     bool noJournal = false;

@@ -138,7 +138,7 @@ void describePartitions(const Ref<PP::Keeper>& keeperRef, PP::u64 disk, const Re
 std::string checkMedia(const Options& options)
 {
     for (const auto& target : options.targets)
-        if (auto error = checkMedium(target, "target", O_RDWR); !error.empty())
+        if (auto error = checkMedium(target, "target", options.dryRun ? O_RDONLY : O_RDWR); !error.empty())
             return error;
     for (const auto& source : options.sources)
         if (auto error = checkMedium(source, "source", O_RDONLY); !error.empty())
@@ -167,7 +167,8 @@ Platform::Ref<PP::Keeper> buildKeeper(const Options& options, std::vector<Refusa
         const PP::u64 disk = keeper->addEntry(PP::KindDisk, from, {PP::Variant::string(options.targets[i])}, 0, 0);
         // Every step reads and writes each disk through one cache: a sector is read once per run
         // and written once per step that changes it.
-        const auto targetFile = FileStorage::open(options.targets[i], FileStorage::Access::ReadWrite);
+        const auto targetFile = FileStorage::open(
+            options.targets[i], options.dryRun ? FileStorage::Access::ReadOnly : FileStorage::Access::ReadWrite);
         const auto sourceFile = i < options.sources.size()
                                     ? FileStorage::open(options.sources[i], FileStorage::Access::ReadOnly)
                                     : Ref<FileStorage>();

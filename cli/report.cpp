@@ -1,5 +1,6 @@
 #include "cli/report.h"
 
+#include "cli/dry_run.h"
 #include "cli/step_costs.h"
 #include "cli/step_names.h"
 #include "platform/core/bytes.h"
@@ -58,6 +59,59 @@ nlohmann::ordered_json ioJson(const Platform::StorageCounters& counters)
             {"bytes_written", counters.bytesWritten}};
 }
 
+nlohmann::ordered_json changesJson(const StepChanges& changes)
+{
+    nlohmann::ordered_json sectors = nlohmann::ordered_json::array();
+    for (const auto& target : changes.sectors) {
+        nlohmann::ordered_json ranges = nlohmann::ordered_json::array();
+        for (const auto& range : target.ranges)
+            ranges.push_back({{"first", range.first}, {"count", range.count}});
+        sectors.push_back(
+            {{"target", target.target}, {"count", Platform::sectorCount(target.ranges)}, {"ranges", ranges}});
+    }
+    nlohmann::ordered_json files = nlohmann::ordered_json::array();
+    for (const auto& edit : changes.files) {
+        files.push_back({{"volume", edit.volume},
+                         {"path", edit.change.path},
+                         {"change", changeWord(edit.change.kind)},
+                         {"size_before", edit.change.sizeBefore},
+                         {"size_after", edit.change.sizeAfter}});
+        if (edit.change.isText())
+            files.back()["diff"] = edit.diff;
+    }
+    return {{"sectors", sectors}, {"files", files}};
+}
+
+// Each step that would change something: its sectors per target, and its files with their diffs.
+std::string changesText(const DryRun& dryRun)
+{
+    std::string text = "\ndry run: nothing was written; the run would change:\n";
+    bool any = false;
+    for (int slot = 0; slot < PP::kStepCount; ++slot) {
+        const StepChanges& changes = dryRun.of(slot);
+        if (changes.sectors.empty() && changes.files.empty())
+            continue;
+        any = true;
+        text += "  " + std::to_string(slot) + " " + std::string(stepName(slot)) + ":\n";
+        for (const auto& target : changes.sectors) {
+            const std::uint64_t count = Platform::sectorCount(target.ranges);
+            text += "    " + target.target + ": " + std::to_string(count) + (count == 1 ? " sector (" : " sectors (") +
+                    rangeText(target.ranges) + ")\n";
+        }
+        for (const auto& edit : changes.files) {
+            text += "    " + edit.volume + ": " + edit.change.path + " " + changeWord(edit.change.kind);
+            if (!edit.change.isText() && edit.change.kind != Platform::FileChange::Kind::DirectoryCreated)
+                text += " (" + std::to_string(edit.change.sizeBefore) + " -> " +
+                        std::to_string(edit.change.sizeAfter) + " bytes)";
+            text += "\n";
+            for (const auto& line : Platform::StringUtil::split(edit.diff, "\n"))
+                if (!line.empty())
+                    text += "      " + line + "\n";
+        }
+    }
+    return any ? text : text + "  nothing\n";
+}
+
 std::string padded(std::string_view text, std::size_t width)
 {
     std::string result(text);
@@ -81,7 +135,7 @@ std::vector<Mapping> recordedMappings(const PP::Keeper& keeper)
     return mappings;
 }
 
-std::string textReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused)
+std::string textReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused, const DryRun* dryRun)
 {
     std::string text = padded("slot", 5) + padded("name", 20) + padded("label", 36) + "result\n";
     for (int slot = 0; slot < PP::kStepCount; ++slot)
@@ -98,10 +152,13 @@ std::string textReport(const PP::Keeper& keeper, const std::vector<Refusal>& ref
         text += "\nrefused (nothing written):\n";
     for (const auto& refusal : refused)
         text += "  " + refusal.target + ": " + refusal.what + ": " + refusal.why + "\n";
+    if (dryRun)
+        text += changesText(*dryRun);
     return text;
 }
 
-std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused, const StepCosts* costs)
+std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& refused, const StepCosts* costs,
+                       const DryRun* dryRun)
 {
     nlohmann::ordered_json steps = nlohmann::ordered_json::array();
     for (int slot = 0; slot < PP::kStepCount; ++slot) {
@@ -113,6 +170,8 @@ std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& ref
                          {"word", PP::resultWord(result)}});
         if (costs)
             steps.back()["io"] = ioJson(costs->of(slot));
+        if (dryRun)
+            steps.back()["would_change"] = changesJson(dryRun->of(slot));
     }
     nlohmann::ordered_json mappings = nlohmann::ordered_json::array();
     for (const auto& mapping : recordedMappings(keeper))
@@ -125,7 +184,8 @@ std::string jsonReport(const PP::Keeper& keeper, const std::vector<Refusal>& ref
     nlohmann::ordered_json refusals = nlohmann::ordered_json::array();
     for (const auto& refusal : refused)
         refusals.push_back({{"target", refusal.target}, {"what", refusal.what}, {"why", refusal.why}});
-    nlohmann::ordered_json report{{"steps", steps}, {"mappings", mappings}, {"refused", refusals}};
+    nlohmann::ordered_json report{
+        {"dry_run", dryRun != nullptr}, {"steps", steps}, {"mappings", mappings}, {"refused", refusals}};
     if (costs) {
         const Platform::StorageCounters total = costs->total();
         report["io"] = ioJson(total);

@@ -26,11 +26,15 @@ struct Refusal {
     std::string why;
 };
 
-std::string textReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {});
+class DryRun;
+// With a dry run, what each step would have changed follows the results.
+std::string textReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {},
+                       const DryRun* dryRun = nullptr);
 class StepCosts;
-// With costs, each step carries what it read and wrote on the disks ("io"), and the run its total.
+// With costs, each step carries what it read and wrote on the disks ("io"), and the run its total;
+// with a dry run, what it would have changed ("would_change").
 std::string jsonReport(const Libraries::KRO::PostProcessing::Keeper& keeper, const std::vector<Refusal>& refused = {},
-                       const StepCosts* costs = nullptr);
+                       const StepCosts* costs = nullptr, const DryRun* dryRun = nullptr);
 std::string stepList();
 
 // True when any slot ended "FAILED".

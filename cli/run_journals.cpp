@@ -90,6 +90,11 @@ std::string stampOf(const fs::path& journal)
     return journal.stem().string();
 }
 
+fs::path folderOf(const std::string& root, const FileStorage& target)
+{
+    return fs::path(root) / "targets" / folderName(target.identity());
+}
+
 bool sameShape(const JournalFile& journal, const FileStorage& target, std::string& problem)
 {
     if (journal.target().sectorSize == target.elementSize() && journal.target().sectorCount == target.elementCount())
@@ -119,7 +124,7 @@ std::string journalRoot(const std::optional<std::string>& chosen)
 std::string journalFolder(const std::string& root, const FileStorage& target, std::string& problem)
 {
     const std::string identity = target.identity();
-    const fs::path folder = fs::path(root) / "targets" / folderName(identity);
+    const fs::path folder = folderOf(root, target);
     std::error_code error;
     fs::create_directories(folder, error);
     if (error) {
@@ -160,6 +165,17 @@ bool recoverUnfinishedRuns(const std::string& folder, FileStorage& target, std::
     if (!unfinished.empty())
         target.partitionTableChanged();
     return true;
+}
+
+void warnOfUnfinishedRuns(const std::string& root, const FileStorage& target)
+{
+    if (root.empty())
+        return;
+    if (const auto unfinished = journals(folderOf(root, target).string(), {kActive}); !unfinished.empty())
+        std::fprintf(stderr,
+                     "postclone: the run of %s on %s did not finish; this dry run shows the disk as that run left it, "
+                     "and the next run puts its sectors back first\n",
+                     stampOf(unfinished.back()).c_str(), target.path().c_str());
 }
 
 Ref<Platform::RunJournal> startJournal(const std::string& folder, const FileStorage& target)

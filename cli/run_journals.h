@@ -26,6 +26,10 @@ std::string journalFolder(const std::string& root, const Platform::FileStorage& 
 // be written to the target.
 bool recoverUnfinishedRuns(const std::string& folder, Platform::FileStorage& target, std::string& problem);
 
+// For a dry run, which changes nothing: says on stderr when the target has an unfinished run, which
+// the next real run puts back first. root: empty when journals are off.
+void warnOfUnfinishedRuns(const std::string& root, const Platform::FileStorage& target);
+
 // This run's journal for the target; its file appears at the first change.
 Platform::Ref<Platform::RunJournal> startJournal(const std::string& folder, const Platform::FileStorage& target);
 

@@ -89,6 +89,8 @@ void StepCosts::stepFinished(std::uint32_t step, Libraries::KRO::PostProcessing:
     if (step < perStep_.size())
         perStep_[step] = now - reported_;
     reported_ = now;
+    if (listener_)
+        listener_(step);
 }
 
 Platform::StorageCounters StepCosts::total() const

@@ -6,6 +6,7 @@
 #include "postprocessing/pp_handler.h"
 
 #include <array>
+#include <functional>
 #include <vector>
 
 namespace Cli {
@@ -31,6 +32,9 @@ public:
     // together (the system-hive switches) shows it on the first of them.
     void stepFinished(std::uint32_t step, Libraries::KRO::PostProcessing::StepResult result) override;
 
+    // Called after each step's costs are taken (a dry run collects what the step changed).
+    void afterEachStep(std::function<void(std::uint32_t step)> listener) { listener_ = std::move(listener); }
+
     const Platform::StorageCounters& of(int slot) const { return perStep_.at(std::size_t(slot)); }
     // Everything the run read and wrote, the reads before the first step included.
     Platform::StorageCounters total() const;
@@ -38,6 +42,7 @@ public:
 private:
     std::vector<Platform::Ref<Platform::CachedStorage>> disks_;
     Platform::Ref<Interfaces::ProgressNotifier> progress_;
+    std::function<void(std::uint32_t)> listener_;
     Platform::StorageCounters reported_;
     std::array<Platform::StorageCounters, Libraries::KRO::PostProcessing::kStepCount> perStep_{};
 };

@@ -30,6 +30,9 @@ inline constexpr std::uint32_t FileSystemByPath = 0x11;
 // For Filesys::create: a volume Windows left hibernated or with an open log is opened for writing
 // anyway, its log reset, for a caller that discards that Windows session.
 inline constexpr std::uint32_t DiscardWindowsSession = 0x1000;
+// For Filesys::create: a host folder of the run's own (its temporary files), never watched nor
+// held back by a dry run's FileChangeLog.
+inline constexpr std::uint32_t Unwatched = 0x2000;
 } // namespace OpenFlags
 
 class File : public Object {

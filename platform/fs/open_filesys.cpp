@@ -3,14 +3,30 @@
 #include "platform/fs/filesys.h"
 
 #include "platform/core/error.h"
+#include "platform/fs/file_changes.h"
 #include "platform/fs/filesys_base.h"
 #include "platform/fs/host/filesys.h"
 #include "platform/fs/staged_filesys.h"
+#include "platform/storage/dry_run_overlay.h"
 #include "platform/storage/file_storage.h"
 
 #include <sys/stat.h>
 
 namespace Platform {
+
+namespace {
+
+Ref<Filesys> openOnStorage(Ref<Interfaces::Storage> storage, std::uint32_t flags, Access access);
+
+// An image file of a dry run: read from the file, changed in memory only.
+Ref<Interfaces::Storage> heldBack(Ref<Interfaces::Storage> image)
+{
+    const auto cache = makeRef<CachedStorage>(std::move(image));
+    cache->setObserver(makeRef<DryRunOverlay>());
+    return cache;
+}
+
+} // namespace
 
 Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, Access access)
 {
@@ -19,13 +35,29 @@ Ref<Filesys> Filesys::create(const std::string& path, std::uint32_t flags, Acces
         Error::set(Error::PathNotFound);
         return {};
     }
-    if (S_ISDIR(info.st_mode))
-        return makeRef<HostFilesys>(path, access);
-    const auto storage = FileStorage::open(path, access);
-    return storage ? create(storage, flags, access) : Ref<Filesys>();
+    FileChangeLog* log = (flags & OpenFlags::Unwatched) != 0 ? nullptr : FileChangeLog::active();
+    if (S_ISDIR(info.st_mode)) {
+        auto host = makeRef<HostFilesys>(path, access, log ? &log->hostOverlay() : nullptr);
+        return log ? watchFilesys(std::move(host), path, {}) : Ref<Filesys>(std::move(host));
+    }
+    const auto storage = FileStorage::open(path, log ? Access::ReadOnly : access);
+    if (!storage)
+        return {};
+    if (!log)
+        return openOnStorage(storage, flags, access);
+    return watchFilesys(openOnStorage(heldBack(storage), flags, access), path, {});
 }
 
 Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t flags, Access access)
+{
+    if (FileChangeLog::active() && access == Access::ReadWrite)
+        return watchFilesys(openOnStorage(storage, flags, access), {}, storage);
+    return openOnStorage(std::move(storage), flags, access);
+}
+
+namespace {
+
+Ref<Filesys> openOnStorage(Ref<Interfaces::Storage> storage, std::uint32_t flags, Access access)
 {
     // One look at the structures: the facade is built from what the volume object parsed.
     const Ref<FileSysBase> volume = MountHelper::open(storage);
@@ -40,5 +72,7 @@ Ref<Filesys> Filesys::create(Ref<Interfaces::Storage> storage, std::uint32_t fla
         return volume->openFiles(std::move(staged), Access::ReadWrite, flags);
     });
 }
+
+} // namespace
 
 } // namespace Platform

@@ -18,6 +18,7 @@ public:
     bool flush() override { return base_->flush(); }
 
     std::uint64_t first() const { return first_; }
+    const Ref<Interfaces::Storage>& base() const { return base_; }
 
     WindowStorage(Ref<Interfaces::Storage> base, std::uint64_t first, std::uint64_t count)
         : base_(std::move(base)), first_(first), count_(count)

@@ -53,7 +53,8 @@ Ref<Platform::File> createHostTempFile()
     std::error_code ignored;
     const std::string folder = std::filesystem::temp_directory_path(ignored).string();
     const auto host =
-        Platform::Filesys::create(folder, Platform::OpenFlags::FileSystemByPath, Platform::Access::ReadWrite);
+        Platform::Filesys::create(folder, Platform::OpenFlags::FileSystemByPath | Platform::OpenFlags::Unwatched,
+                                  Platform::Access::ReadWrite);
     auto file = host ? host->openFile("/" + name, Platform::OpenFlags::CreateOrOpen) : Ref<Platform::File>();
     if (!file) {
         LogMessage(Channels::tools(), LogError) << "Could not create tempfile " << folder << "/" << name;

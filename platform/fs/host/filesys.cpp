@@ -2,7 +2,10 @@
 
 #include "platform/core/error.h"
 #include "platform/core/string_util.h"
+#include "platform/fs/listed_directory.h"
+#include "platform/fs/memory_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -109,6 +112,8 @@ Ref<File> HostFilesys::openExisting(const std::string& path, Access access)
     const std::string host = hostPath(path);
     if (refuseOutsidePath(host))
         return {};
+    if (overlay_)
+        return openInOverlay(host, access);
     const int fd = ::open(host.c_str(), (access == Access::ReadWrite ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     if (fd < 0) {
         Error::setFromErrno();
@@ -128,6 +133,8 @@ bool HostFilesys::createEmptyFile(const std::string& path)
     const std::string host = hostPath(path);
     if (refuseOutsidePath(host))
         return false;
+    if (overlay_)
+        return createInOverlay(host);
     const int fd = ::open(host.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
         Error::setFromErrno();
@@ -140,6 +147,8 @@ bool HostFilesys::createEmptyFile(const std::string& path)
 Ref<Directory> HostFilesys::openDirectory(const std::string& path)
 {
     const std::string host = hostPath(path);
+    if (overlay_ && !host.empty())
+        return listWithOverlay(host);
     DIR* handle = host.empty() ? nullptr : ::opendir(host.c_str());
     if (!handle) {
         Error::setFromErrno();
@@ -153,6 +162,8 @@ bool HostFilesys::makeDirectory(const std::string& path)
     const std::string host = hostPath(path);
     if (refuseOutsidePath(host))
         return false;
+    if (overlay_)
+        return makeDirectoryInOverlay(host);
     if (::mkdir(host.c_str(), 0755) != 0) {
         Error::setFromErrno();
         return false;
@@ -165,11 +176,143 @@ bool HostFilesys::removeExisting(const std::string& path)
     const std::string host = hostPath(path);
     if (refuseOutsidePath(host))
         return false;
+    if (overlay_)
+        return removeInOverlay(host);
     if (::unlink(host.c_str()) != 0) {
         Error::setFromErrno();
         return false;
     }
     return true;
+}
+
+namespace {
+
+enum class HostKind { Missing, File, Directory };
+
+HostKind hostKind(const std::string& host)
+{
+    struct stat info {};
+    if (::stat(host.c_str(), &info) != 0)
+        return HostKind::Missing;
+    return S_ISDIR(info.st_mode) ? HostKind::Directory : HostKind::File;
+}
+
+std::string parentOf(const std::string& host)
+{
+    const auto slash = host.rfind('/');
+    return slash == std::string::npos || slash == 0 ? "/" : host.substr(0, slash);
+}
+
+// The host file's bytes; false (Error set) when it cannot be read.
+bool readHostFile(const std::string& host, std::vector<std::uint8_t>& bytes)
+{
+    const int fd = ::open(host.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        Error::setFromErrno();
+        return false;
+    }
+    std::uint8_t block[1 << 16];
+    ssize_t got = 0;
+    while ((got = ::read(fd, block, sizeof block)) > 0)
+        bytes.insert(bytes.end(), block, block + got);
+    if (got < 0)
+        Error::setFromErrno();
+    ::close(fd);
+    return got == 0;
+}
+
+} // namespace
+
+bool HostFilesys::existsInOverlay(const std::string& host) const
+{
+    if (overlay_->removed(host))
+        return false;
+    return overlay_->contents(host) || overlay_->madeDirectory(host) || hostKind(host) != HostKind::Missing;
+}
+
+Ref<File> HostFilesys::openInOverlay(const std::string& host, Access access)
+{
+    if (overlay_->removed(host)) {
+        Error::set(Error::PathNotFound);
+        return {};
+    }
+    if (auto kept = overlay_->contents(host))
+        return makeRef<MemoryFile>(std::move(kept));
+    if (overlay_->madeDirectory(host) || hostKind(host) == HostKind::Directory) {
+        Error::set(Error::IsDirectory);
+        return {};
+    }
+    std::vector<std::uint8_t> bytes;
+    if (hostKind(host) == HostKind::Missing) {
+        Error::set(Error::PathNotFound);
+        return {};
+    }
+    if (!readHostFile(host, bytes))
+        return {};
+    // A file opened for reading only is not kept: the host's copy stands.
+    if (access == Access::ReadOnly)
+        return makeRef<MemoryFile>(std::move(bytes));
+    return makeRef<MemoryFile>(overlay_->keep(host, std::move(bytes)));
+}
+
+bool HostFilesys::createInOverlay(const std::string& host)
+{
+    if (existsInOverlay(host)) {
+        Error::set(Error::Exists);
+        return false;
+    }
+    const std::string parent = parentOf(host);
+    if (!overlay_->madeDirectory(parent) && hostKind(parent) != HostKind::Directory) {
+        Error::set(Error::PathNotFound);
+        return false;
+    }
+    overlay_->keep(host, {});
+    return true;
+}
+
+bool HostFilesys::makeDirectoryInOverlay(const std::string& host)
+{
+    if (existsInOverlay(host)) {
+        Error::set(Error::Exists);
+        return false;
+    }
+    overlay_->makeDirectory(host);
+    return true;
+}
+
+bool HostFilesys::removeInOverlay(const std::string& host)
+{
+    if (!overlay_->contents(host) && (overlay_->removed(host) || hostKind(host) != HostKind::File)) {
+        Error::set(hostKind(host) == HostKind::Directory ? Error::IsDirectory : Error::PathNotFound);
+        return false;
+    }
+    overlay_->remove(host);
+    return true;
+}
+
+Ref<Directory> HostFilesys::listWithOverlay(const std::string& host)
+{
+    std::vector<DirectoryEntry> entries;
+    if (!overlay_->madeDirectory(host)) {
+        DIR* handle = ::opendir(host.c_str());
+        if (!handle) {
+            Error::setFromErrno();
+            return {};
+        }
+        HostDirectory listing(handle, host);
+        for (DirectoryEntry entry; listing.next(entry);) {
+            const std::string path = host + "/" + entry.name;
+            if (overlay_->removed(path))
+                continue;
+            if (const auto kept = overlay_->contents(path))
+                entry.size = kept->size();
+            entries.push_back(entry);
+        }
+    }
+    for (const DirectoryEntry& made : overlay_->madeIn(host))
+        if (std::none_of(entries.begin(), entries.end(), [&](const DirectoryEntry& e) { return e.name == made.name; }))
+            entries.push_back(made);
+    return makeRef<ListedDirectory>(std::move(entries));
 }
 
 } // namespace Platform

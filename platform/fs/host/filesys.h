@@ -1,13 +1,18 @@
 #pragma once
-// The facade over a directory of the host: a file system the caller mounted.
+// The facade over a directory of the host: a file system the caller mounted. With an overlay (a
+// dry run), the folder is only read: what the run writes, makes and removes stays in the overlay.
 
 #include "platform/fs/facade_base.h"
+#include "platform/fs/file_changes.h"
 
 namespace Platform {
 
 class HostFilesys : public FacadeBase {
 public:
-    HostFilesys(std::string root, Access access) : FacadeBase(access), root_(std::move(root)) {}
+    HostFilesys(std::string root, Access access, HostOverlay* overlay = nullptr)
+        : FacadeBase(access), root_(std::move(root)), overlay_(overlay)
+    {
+    }
 
     Ref<Directory> openDirectory(const std::string& path) override;
 
@@ -21,7 +26,17 @@ private:
     // The host path, or empty when path would leave the root.
     std::string hostPath(const std::string& path) const;
 
+    // The same operations on the overlay.
+    Ref<File> openInOverlay(const std::string& host, Access access);
+    bool createInOverlay(const std::string& host);
+    bool makeDirectoryInOverlay(const std::string& host);
+    bool removeInOverlay(const std::string& host);
+    Ref<Directory> listWithOverlay(const std::string& host);
+    // A file or directory there, as the run has left it.
+    bool existsInOverlay(const std::string& host) const;
+
     std::string root_;
+    HostOverlay* overlay_;
 };
 
 } // namespace Platform
