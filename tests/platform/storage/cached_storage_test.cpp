@@ -1,4 +1,5 @@
 #include "platform/storage/cached_storage.h"
+#include "platform/storage/dry_run_overlay.h"
 
 #include "platform/core/error.h"
 #include "platform/storage/memory_storage.h"
@@ -222,6 +223,30 @@ TEST(CachedStorage, WithheldWritesStayAsTheDisksContentForTheRestOfTheRun)
     std::vector<std::uint8_t> buffer(kSector);
     cache.read(3, 1, buffer.data());
     EXPECT_EQ(buffer[0], 0x55);
+}
+
+// The dry run's overlay: per step, the sectors whose content changed, joined into ranges.
+TEST(CachedStorage, ADryRunOverlayListsTheChangedSectorsOfEachStepAsRanges)
+{
+    Disk disk(2 * kChunk);
+    CachedStorage cache(disk.counted);
+    const auto overlay = makeRef<DryRunOverlay>();
+    cache.setObserver(overlay);
+    cache.write(kChunk - 1, 2, filled(2, 0x11).data()); // across two chunks
+    cache.write(5, 1, filled(1, 0x22).data());
+    cache.write(7, 1, filled(1, 7).data()); // the content it had: no change
+    EXPECT_EQ(cache.writeBack(), "");
+    cache.write(6, 1, filled(1, 0x33).data());
+    EXPECT_EQ(cache.writeBack(), "");
+    const auto ranges = overlay->take();
+    ASSERT_EQ(ranges.size(), 2u);
+    EXPECT_EQ(ranges[0].first, 5u);
+    EXPECT_EQ(ranges[0].count, 2u);
+    EXPECT_EQ(ranges[1].first, kChunk - 1);
+    EXPECT_EQ(ranges[1].count, 2u);
+    EXPECT_EQ(sectorCount(ranges), 4u);
+    EXPECT_TRUE(overlay->take().empty());
+    EXPECT_EQ(disk.memory->bytes(), disk.original);
 }
 
 TEST(CachedStorage, DiscardedChangesAreGoneAndATableChangeIsPassedOnAfterTheWrite)
