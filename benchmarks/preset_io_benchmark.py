@@ -4,6 +4,9 @@ NTFS, ext4 with 100,000 files (fstab, grub.cfg and two 8 MiB initramfs images na
 XFS, each made by its own mkfs. The run is traced with strace; reported are the system calls, the
 image's reads and writes (calls, bytes, the most reads and writes of one sector) and the sectors
 whose content changed, for each postclone given (e.g. the one before a change and the one after).
+Where a postclone has them, a dry run before the run must list exactly the sectors the run changes
+and leave the image as it was, and postclone undo after it must give the image back byte for byte
+(1 yes, 0 no, -1 not there).
 
 Usage: preset_io_benchmark.py POSTCLONE [POSTCLONE...]
 """
@@ -11,6 +14,7 @@ Usage: preset_io_benchmark.py POSTCLONE [POSTCLONE...]
 import collections
 import gzip
 import io
+import json
 import os
 import re
 import shutil
@@ -158,14 +162,37 @@ def traced_run(postclone, disk, work):
 
 
 def changed_sectors(before, after):
-    count = 0
+    changed = set()
     with open(before, "rb") as a, open(after, "rb") as b:
+        offset = 0
         while True:
             x, y = a.read(4 * MIB), b.read(4 * MIB)
             if not x:
-                return count
+                return changed
             if x != y:
-                count += sum(1 for i in range(0, len(x), SECTOR) if x[i:i + SECTOR] != y[i:i + SECTOR])
+                changed.update((offset + i) // SECTOR for i in range(0, len(x), SECTOR) if x[i:i + SECTOR] != y[i:i + SECTOR])
+            offset += len(x)
+
+
+def dry_run_sectors(postclone, disk):
+    """The sectors a dry run lists, or None for a postclone without one."""
+    result = subprocess.run([postclone, "--dry-run", "--json", "--preset", "1", disk], capture_output=True, text=True)
+    if result.returncode != 0 or '"dry_run"' not in result.stdout:
+        return None
+    listed = set()
+    for step in json.loads(result.stdout)["steps"]:
+        for target in step["would_change"]["sectors"]:
+            for r in target["ranges"]:
+                listed.update(range(r["first"], r["first"] + r["count"]))
+    return listed
+
+
+def undo_restores(postclone, disk, pristine, work):
+    environment = dict(os.environ, POSTCLONE_JOURNAL_DIR=os.path.join(work, "journals"))
+    result = subprocess.run([postclone, "undo", disk], capture_output=True, text=True, env=environment)
+    if result.returncode != 0:
+        return -1
+    return 1 if not changed_sectors(pristine, disk) else 0
 
 
 def main():
@@ -178,8 +205,16 @@ def main():
         for postclone in postclones:
             disk = os.path.join(work, "run.img")
             shutil.copyfile(pristine, disk)
+            listed = dry_run_sectors(postclone, disk)
+            dry_run_wrote = len(changed_sectors(pristine, disk))
             figures = traced_run(os.path.abspath(postclone), disk, work)
-            figures["sectors changed"] = changed_sectors(pristine, disk)
+            changed = changed_sectors(pristine, disk)
+            figures["sectors changed"] = len(changed)
+            figures["dry run: sectors listed"] = -1 if listed is None else len(listed)
+            figures["dry run: listed = changed"] = -1 if listed is None else int(listed == changed)
+            figures["dry run: sectors it changed"] = -1 if listed is None else dry_run_wrote
+            figures["undo gives the image back"] = undo_restores(postclone, disk, pristine, work)
+            shutil.rmtree(os.path.join(work, "journals"), ignore_errors=True)
             results.append(figures)
     width = max(len(p) for p in postclones)
     print("preset 1 on a 4-partition GPT disk (FAT32 EFI, NTFS, ext4 with 100,000 files, XFS):")

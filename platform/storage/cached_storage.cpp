@@ -461,9 +461,11 @@ std::string CachedStorage::writeBack(std::string* tableNote)
         return brokenReason_;
     const bool withhold = observer_ && observer_->withholdsWrites();
     if (withhold) {
-        for (const std::uint64_t index : changedChunks())
+        for (const std::uint64_t index : changedChunks()) {
             if (load(index))
                 settle(index);
+            makeRoom(); // what the run holds back may be more than memory takes: it spills
+        }
         tableChanged_ = false;
         return brokenReason_;
     }

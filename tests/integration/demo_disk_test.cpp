@@ -1,7 +1,8 @@
-// postclone --dry-run on the demo disk (GPT, FAT with a Raspberry Pi command line, ext4 whose fstab
-// and grub.cfg name ids, swap): the image is opened read-only and stays byte for byte the same, the
-// report lists the sectors and the file diffs, and a real run afterwards changes exactly the sectors
-// the dry run listed (compared with cmp). A --mounted folder is only read.
+// The demo disk (GPT, FAT with a Raspberry Pi command line, ext4 whose fstab and grub.cfg name ids,
+// swap). postclone --dry-run opens it read-only and leaves it byte for byte the same; its report
+// lists the sectors and the file diffs, and a real run afterwards changes exactly the sectors the
+// dry run listed (compared with cmp). A --mounted folder is only read. postclone undo after
+// --preset 1 gives the image back byte for byte.
 
 #include "tests/support/command.h"
 
@@ -42,7 +43,8 @@ std::set<std::uint64_t> listedSectors(const nlohmann::json& report)
     for (const auto& step : report["steps"])
         for (const auto& target : step["would_change"]["sectors"])
             for (const auto& range : target["ranges"])
-                for (std::uint64_t s = range["first"]; s < range["first"].get<std::uint64_t>() + range["count"].get<std::uint64_t>(); ++s)
+                for (std::uint64_t s = range["first"];
+                     s < range["first"].get<std::uint64_t>() + range["count"].get<std::uint64_t>(); ++s)
                     sectors.insert(s);
     return sectors;
 }
@@ -68,7 +70,7 @@ std::map<std::string, nlohmann::json> listedFiles(const nlohmann::json& report)
     return files;
 }
 
-class DryRun : public testing::Test {
+class DemoDisk : public testing::Test {
 protected:
     TestSupport::TempDir dir;
     std::string image = dir.file("demo.img");
@@ -93,7 +95,7 @@ protected:
     }
 };
 
-TEST_F(DryRun, WritesNothingListsTheSectorsAndDiffsAndARealRunChangesExactlyThoseSectors)
+TEST_F(DemoDisk, ADryRunWritesNothingListsTheSectorsAndDiffsAndARealRunChangesExactlyThoseSectors)
 {
     const std::string before = md5(image);
     const auto dry = runOnReadOnlyImage({"--dry-run", "--json", "--preset", "1", image});
@@ -127,12 +129,11 @@ TEST_F(DryRun, WritesNothingListsTheSectorsAndDiffsAndARealRunChangesExactlyThos
     const auto listed = listedSectors(report);
     EXPECT_GT(listed.size(), 20u);
     EXPECT_EQ(differingSectors(original, image), listed);
-    EXPECT_EQ(runTool({POSTCLONE_BINARY, "fs", "cat", image, "2", "/etc/fstab"}).find(kRootUuid),
-              std::string::npos);
+    EXPECT_EQ(runTool({POSTCLONE_BINARY, "fs", "cat", image, "2", "/etc/fstab"}).find(kRootUuid), std::string::npos);
 }
 
 // The folder a partition is mounted at is read, never written: its edits are shown as diffs.
-TEST_F(DryRun, LeavesAMountedFolderAsItWasAndShowsItsEdits)
+TEST_F(DemoDisk, ADryRunLeavesAMountedFolderAsItWasAndShowsItsEdits)
 {
     const std::string mounted = dir.file("mnt");
     fs::create_directories(mounted + "/etc");
@@ -145,10 +146,24 @@ TEST_F(DryRun, LeavesAMountedFolderAsItWasAndShowsItsEdits)
     EXPECT_EQ(fs::last_write_time(mounted + "/etc/fstab"), stamp);
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(mounted), fs::recursive_directory_iterator()), 2);
     EXPECT_NE(dry.out.find("dry run: nothing was written; the run would change:\n"), std::string::npos) << dry.out;
-    EXPECT_NE(dry.out.find("    " + mounted + ": /etc/fstab changed\n      --- /etc/fstab\n      +++ /etc/fstab\n"
-                           "      @@ -1 +1 @@\n      -UUID=" + kRootUuid),
+    EXPECT_NE(dry.out.find("    " + mounted +
+                           ": /etc/fstab changed\n      --- /etc/fstab\n      +++ /etc/fstab\n"
+                           "      @@ -1 +1 @@\n      -UUID=" +
+                           kRootUuid),
               std::string::npos)
         << dry.out;
+}
+
+TEST_F(DemoDisk, UndoAfterPresetOneGivesTheImageBackByteForByte)
+{
+    const std::string before = md5(image);
+    const std::string journals = dir.file("journals");
+    auto result = run({POSTCLONE_BINARY, "--preset", "1", "--journal-dir", journals, image});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    ASSERT_NE(md5(image), before);
+    result = run({POSTCLONE_BINARY, "undo", "--journal-dir", journals, image});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(md5(image), before);
 }
 
 } // namespace
