@@ -38,7 +38,7 @@ StepResult foldTargetFileSystems(const Ref<Keeper>& keeper, const std::function<
 // iterator eight areas at a time; nothing (Error set) when its file system cannot say.
 std::optional<std::vector<Platform::Area>> collectAllocation(Platform::File& file);
 
-// Copies the whole of source over target (resized to fit) in 16 KiB blocks.
+// Copies the whole of source over target (resized to fit) in 1 MiB blocks.
 bool copyFile(Ref<Platform::File> source, Ref<Platform::File> target);
 
 } // namespace Tools
