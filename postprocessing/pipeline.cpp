@@ -387,6 +387,7 @@ bool runPipeline(Ref<Keeper> keeper, Ref<PPNotifier> notifier, const PipelineSte
 {
     if (keeperMissing(keeper, Channels::handler()))
         return true;
+    const Tools::CachedDisksForRun caches(keeper);
     Run(std::move(keeper), std::move(notifier), steps).execute();
     return true;
 }

@@ -15,7 +15,45 @@ std::string diskName(const Keeper& keeper, u64 disk)
     return name ? *name : "disk " + std::to_string(disk);
 }
 
+// Whether a partition of the disk has a storage of its own in the keeper.
+bool hasPartitionStorages(const Keeper& keeper, u64 disk)
+{
+    for (const u64 entry : entriesOf(keeper, KindPartitionStorage)) {
+        const u64 partition = keeper.getId(entry);
+        if (keeper.getId(partition) == disk && (keeper.getToObject(entry) || keeper.getFromObject(entry)))
+            return true;
+    }
+    return false;
+}
+
+ObjectRef cached(const ObjectRef& object)
+{
+    const auto storage = Platform::refCast<Interfaces::Storage>(object);
+    if (!storage || Platform::refCast<Platform::CachedStorage>(object))
+        return object;
+    return Platform::makeRef<Platform::CachedStorage>(storage);
+}
+
 } // namespace
+
+CachedDisksForRun::CachedDisksForRun(const Ref<Keeper>& keeper) : keeper_(keeper)
+{
+    for (const u64 entry : entriesOf(*keeper, KindDiskStorage)) {
+        const ObjectRef from = keeper->getFromObject(entry), to = keeper->getToObject(entry);
+        const ObjectRef cachedFrom = cached(from), cachedTo = cached(to);
+        const u64 disk = keeper->getId(entry);
+        if ((cachedFrom.get() == from.get() && cachedTo.get() == to.get()) || hasPartitionStorages(*keeper, disk))
+            continue;
+        keeper->addObjectEntry(KindDiskStorage, cachedFrom, cachedTo, disk, entry);
+        swapped_.push_back({entry, from, to});
+    }
+}
+
+CachedDisksForRun::~CachedDisksForRun()
+{
+    for (const auto& [entry, from, to] : swapped_)
+        keeper_->addObjectEntry(KindDiskStorage, from, to, keeper_->getId(entry), entry);
+}
 
 bool writeBackTargets(const Keeper& keeper, const char* stepLabel)
 {

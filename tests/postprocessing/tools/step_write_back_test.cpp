@@ -42,6 +42,30 @@ struct CachedDisk {
     u64 disk = 0;
 };
 
+// A library caller's own disk storage: the run puts a cache in front of it, so that the steps
+// read each sector once and each step writes sector 0 once, and the keeper holds the caller's
+// storage again afterwards.
+TEST(StepWriteBack, ACallersOwnDiskIsReadOnceThroughACacheForTheRun)
+{
+    const auto memory = makeRef<Platform::MemoryStorage>(512u, 8192u);
+    TestSupport::writeMbrEntry(*memory, 0, 0, 0x83, 2048, 2048);
+    TestSupport::writeMbrEntry(*memory, 0, 1, 0x83, 4096, 2048);
+    TestSupport::writeSignature(*memory, 0x1A2B3C4D);
+    const auto counted = makeRef<TestSupport::CountingStorage>(memory);
+    const auto keeper = Keeper::create();
+    const u64 disk = keeper->addEntry(KindDisk, {}, {Variant::string("disk.img")}, 0, 0);
+    const u64 storage = keeper->addObjectEntry(KindDiskStorage, nullptr, counted, disk, 0);
+    for (const s32 step : {StepDiskIds, StepPartitionIds, StepMbrChs, StepPartitionChs})
+        keeper->setEnabled(step, true);
+    PPHandler::process(keeper, Ref<Interfaces::ProgressNotifier>());
+    EXPECT_EQ(keeper->getResult(StepDiskIds), StepResult::Ok);
+    EXPECT_EQ(keeper->getResult(StepMbrChs), StepResult::Ok);
+    EXPECT_NE(signature(*memory), 0x1A2B3C4Du);
+    EXPECT_EQ(counted->mostReadsOfOneSector, 1u);
+    EXPECT_LE(counted->writesOf[0], 3u) << "once per step that changed it";
+    EXPECT_EQ(keeper->getToObject(storage).get(), static_cast<Platform::RefCount*>(counted.get()));
+}
+
 // A step's changes are on the disk when it reports: the new signature is in sector 0, written
 // once, and a write that failed half-way was retried sector by sector.
 TEST(StepWriteBack, AStepsChangesAreOnTheDiskWhenItReportsAndAFailedWriteIsRetried)
