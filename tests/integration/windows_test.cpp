@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
+#include <set>
 
 namespace {
 
@@ -128,9 +129,28 @@ TEST_F(WindowsImage, TwoWindowsGetTheirDriversNameAndFirstStartFilesAndTheVolume
     EXPECT_EQ(before[0]["product"]["name"], "Windows 11 Pro") << "build 22631 names itself Windows 10";
     EXPECT_EQ(before[0]["mounted_devices"][0]["disk_signature"], "5CBEA03E");
 
-    const auto result =
-        run({POSTCLONE_BINARY, "--enable", "ahci", "--enable", "ide", "--enable", "computer-name", "--computer-name",
-             "NEWPC", "--enable", "hiberfile", "--enable", "clean-shutdown", "--enable", "wsus-id", "--json", image});
+    std::vector<std::string> args{POSTCLONE_BINARY, "--enable",        "ahci",    "--enable", "ide",       "--enable",
+                                  "computer-name",  "--computer-name", "NEWPC",   "--enable", "hiberfile", "--enable",
+                                  "clean-shutdown", "--enable",        "wsus-id", "--json",   image};
+    // Looked at first: the hives and the boot status of both Windows would change (their
+    // hibernation files already hold nothing to resume), the image does not.
+    const std::string untouched = runTool({"md5sum", image});
+    auto dryRun = args;
+    dryRun.insert(dryRun.begin() + 1, "--dry-run");
+    const auto looked = run(dryRun);
+    ASSERT_EQ(looked.exitCode, 0) << looked.err;
+    EXPECT_EQ(runTool({"md5sum", image}), untouched);
+    std::set<std::string> wouldChange;
+    const auto lookedReport = nlohmann::json::parse(looked.out);
+    for (const auto& step : lookedReport["steps"])
+        for (const auto& file : step["would_change"]["files"])
+            wouldChange.insert(file["volume"].get<std::string>() + ":" + file["path"].get<std::string>());
+    for (const std::string partition : {"1", "2"})
+        for (const std::string path :
+             {"/Windows/System32/config/SYSTEM", "/Windows/System32/config/SOFTWARE", "/Windows/bootstat.dat"})
+            EXPECT_EQ(wouldChange.count(image + " partition " + partition + ":" + path), 1u) << partition << path;
+
+    const auto result = run(args);
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const auto report = nlohmann::json::parse(result.out)["steps"];
     for (const int slot : {13, 14, 15, 16, 17, 18})
