@@ -7,11 +7,9 @@
 // changed in memory only, so that a dry run leaves everything as it found it.
 
 #include "platform/fs/filesys.h"
+#include "platform/fs/host_overlay.h"
 
-#include <map>
-#include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -34,29 +32,6 @@ struct FileChange {
     bool isText() const;
 };
 
-// The files of host folders as a dry run left them, by host path: contents given, files removed,
-// directories made.
-class HostOverlay {
-public:
-    using Bytes = std::vector<std::uint8_t>;
-
-    // The contents the run gave the file; null when the host's stand.
-    std::shared_ptr<Bytes> contents(const std::string& hostPath) const;
-    // From now on the file holds bytes (the host's copy, or nothing for a new file).
-    std::shared_ptr<Bytes> keep(const std::string& hostPath, Bytes bytes);
-    void remove(const std::string& hostPath);
-    bool removed(const std::string& hostPath) const;
-    void makeDirectory(const std::string& hostPath);
-    bool madeDirectory(const std::string& hostPath) const;
-    // What the run put directly in a host folder: files with their sizes, directories.
-    std::vector<DirectoryEntry> madeIn(const std::string& hostFolder) const;
-
-private:
-    std::map<std::string, std::shared_ptr<Bytes>> files_;
-    std::set<std::string> removed_;
-    std::set<std::string> directories_;
-};
-
 class FileChangeLog {
 public:
     static constexpr std::uint64_t kContentLimit = std::uint64_t(1) << 20;
@@ -77,9 +52,5 @@ private:
     std::vector<FileChange> pending_;
     HostOverlay hostOverlay_;
 };
-
-// fs, with what is done to its files recorded in the active log. volumePath or storage: as in
-// FileChange.
-Ref<Filesys> watchFilesys(Ref<Filesys> fs, std::string volumePath, Ref<Interfaces::Storage> storage);
 
 } // namespace Platform

@@ -3,10 +3,10 @@
 #include "platform/fs/filesys.h"
 
 #include "platform/core/error.h"
-#include "platform/fs/file_changes.h"
 #include "platform/fs/filesys_base.h"
 #include "platform/fs/host/filesys.h"
 #include "platform/fs/staged_filesys.h"
+#include "platform/fs/watched_filesys.h"
 #include "platform/storage/dry_run_overlay.h"
 #include "platform/storage/file_storage.h"
 

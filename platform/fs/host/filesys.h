@@ -3,7 +3,7 @@
 // dry run), the folder is only read: what the run writes, makes and removes stays in the overlay.
 
 #include "platform/fs/facade_base.h"
-#include "platform/fs/file_changes.h"
+#include "platform/fs/host_overlay.h"
 
 namespace Platform {
 
