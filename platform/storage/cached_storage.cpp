@@ -259,11 +259,13 @@ bool CachedStorage::spill(std::uint64_t index, Chunk& chunk)
     return true;
 }
 
-// Clean chunks go first, the least recently used of them; then changed chunks move to the
-// temporary file. When that cannot be written, memory goes over the limit rather than the run
-// failing.
+// What other holders keep only for a failure goes first, then clean chunks, the least recently
+// used of them; then changed chunks move to the temporary file. When that cannot be written, memory goes over the limit
+// rather than the run failing.
 void CachedStorage::makeRoom()
 {
+    if (MemoryBudget::exceeded())
+        MemoryBudget::releaseCold();
     while (overLimit() && !lru_.empty())
         dropClean(lru_.front());
     if (!overLimit())

@@ -13,9 +13,8 @@ bool DryRunOverlay::record(const Run& run, std::string&)
 std::vector<SectorRange> DryRunOverlay::take()
 {
     // A write-back visits its runs in ascending order; several write-backs of one step need not.
-    std::sort(pending_.begin(), pending_.end(), [](const SectorRange& a, const SectorRange& b) {
-        return a.first < b.first;
-    });
+    std::sort(pending_.begin(), pending_.end(),
+              [](const SectorRange& a, const SectorRange& b) { return a.first < b.first; });
     std::vector<SectorRange> joined;
     for (const SectorRange& range : pending_) {
         if (!joined.empty() && joined.back().first + joined.back().count >= range.first) {

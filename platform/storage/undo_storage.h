@@ -4,6 +4,7 @@
 // Reads pass through; the old contents are kept in memory within the process's memory budget and
 // in a spill file beyond it.
 
+#include "platform/storage/memory_budget.h"
 #include "platform/storage/sector_set.h"
 #include "platform/storage/spill_file.h"
 #include "platform/storage/storage.h"
@@ -62,6 +63,7 @@ private:
     SectorSet saved_;
     std::unique_ptr<SpillFile> spill_;
     bool spillFailed_ = false;
+    MemoryBudget::ColdHolder cold_{[this] { makeRoom(); }};
 };
 
 } // namespace Platform

@@ -1,5 +1,7 @@
 #include "platform/storage/cached_storage.h"
 #include "platform/storage/dry_run_overlay.h"
+#include "platform/storage/memory_budget.h"
+#include "platform/storage/undo_storage.h"
 
 #include "platform/core/error.h"
 #include "platform/storage/memory_storage.h"
@@ -7,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace Platform {
 namespace {
@@ -247,6 +251,34 @@ TEST(CachedStorage, ADryRunOverlayListsTheChangedSectorsOfEachStepAsRanges)
     EXPECT_EQ(sectorCount(ranges), 4u);
     EXPECT_TRUE(overlay->take().empty());
     EXPECT_EQ(disk.memory->bytes(), disk.original);
+}
+
+// Old contents a change keeps only in case it fails are cold: over the run's budget they go to
+// their spill file before the cache drops chunks it read, so that nothing is read twice, and
+// taking the change back still works.
+TEST(CachedStorage, OverTheBudgetKeptOldContentsSpillBeforeReadChunksAreDropped)
+{
+    Disk disk(8 * kChunk);
+    const auto cache = makeRef<CachedStorage>(disk.counted);
+    std::vector<std::uint8_t> all(8 * kChunk * kSector);
+    ASSERT_EQ(cache->read(0, 8 * kChunk, all.data()), 8 * kChunk);
+    const std::uint64_t readBefore = disk.counted->sectorsRead;
+    // Room for the old contents the cache keeps of what it changed, not for the undo's copies.
+    MemoryBudget::setLimit(MemoryBudget::inUse() + 6 * kChunk * kSector);
+    {
+        UndoStorage undo(cache);
+        for (std::uint64_t chunk : {0, 2, 4})
+            ASSERT_EQ(undo.write(chunk * kChunk, 2 * kChunk, filled(2 * kChunk, 0x5A).data()), 2 * kChunk);
+        EXPECT_FALSE(MemoryBudget::exceeded());
+        ASSERT_EQ(cache->read(0, 8 * kChunk, all.data()), 8 * kChunk);
+        EXPECT_EQ(disk.counted->sectorsRead, readBefore) << "a chunk was dropped and read again";
+        EXPECT_TRUE(undo.rollback());
+    }
+    MemoryBudget::setLimit(std::numeric_limits<std::size_t>::max());
+    EXPECT_EQ(cache->writeBack(), "");
+    EXPECT_EQ(disk.counted->sectorsWritten, 0u);
+    ASSERT_EQ(cache->read(0, 8 * kChunk, all.data()), 8 * kChunk);
+    EXPECT_TRUE(std::equal(all.begin(), all.end(), disk.original.begin()));
 }
 
 TEST(CachedStorage, DiscardedChangesAreGoneAndATableChangeIsPassedOnAfterTheWrite)
