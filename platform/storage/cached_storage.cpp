@@ -1,5 +1,8 @@
 #include "platform/storage/cached_storage.h"
 
+#include "platform/storage/undo_storage.h"
+#include "platform/storage/window_storage.h"
+
 #include "platform/core/error.h"
 #include "platform/storage/memory_budget.h"
 #include "platform/storage/spill_file.h"
@@ -318,6 +321,50 @@ std::uint64_t CachedStorage::changedSectors() const
     return count;
 }
 
+bool CachedStorage::changed(std::uint64_t sector) const
+{
+    const auto found = chunks_.find(sector / kChunkSectors);
+    return found != chunks_.end() && found->second.dirty[sector % kChunkSectors];
+}
+
+bool CachedStorage::revert(std::uint64_t first, std::uint64_t count)
+{
+    const std::size_t size = elementSize();
+    for (std::uint64_t sector = first; sector < first + count;) {
+        const std::uint64_t index = sector / kChunkSectors;
+        const std::uint64_t end = std::min(first + count, (index + 1) * kChunkSectors);
+        const auto found = chunks_.find(index);
+        if (found != chunks_.end() && found->second.dirty.any()) {
+            Chunk* chunk = load(index);
+            if (!chunk)
+                return false;
+            for (std::uint64_t s = sector; s < end; ++s) {
+                const std::uint64_t at = s % kChunkSectors;
+                if (!chunk->dirty[at])
+                    continue;
+                std::memcpy(chunk->data.get() + at * size, chunk->original.get() + at * size, size);
+                chunk->dirty.reset(at);
+            }
+            if (chunk->dirty.none())
+                unchange(index, *chunk);
+        }
+        sector = end;
+    }
+    makeRoom();
+    return true;
+}
+
+// A chunk that holds the disk's content again: its old copy goes, and it may be dropped.
+void CachedStorage::unchange(std::uint64_t index, Chunk& chunk)
+{
+    chunk.original.reset();
+    giveBack(chunkBytes(index));
+    if (!chunk.overlay && !chunk.inLru) {
+        chunk.lru = lru_.insert(lru_.end(), index);
+        chunk.inLru = true;
+    }
+}
+
 void CachedStorage::discardChanges()
 {
     for (auto& [index, chunk] : chunks_) {
@@ -325,13 +372,9 @@ void CachedStorage::discardChanges()
             continue;
         std::memcpy(chunk.data.get(), chunk.original.get(), chunkBytes(index));
         chunk.dirty.reset();
-        chunk.original.reset();
-        giveBack(chunkBytes(index));
-        if (!chunk.overlay) {
-            chunk.lru = lru_.insert(lru_.end(), index);
-            chunk.inLru = true;
-        }
+        unchange(index, chunk);
     }
+    ++generation_;
     tableChanged_ = false;
     makeRoom();
 }
@@ -459,6 +502,7 @@ std::string CachedStorage::writeBack(std::string* tableNote)
         return brokenReason_;
     if (changedSectors() == 0 && !tableChanged_)
         return {};
+    ++generation_;
     if (observer_ && !recordChanges())
         return brokenReason_;
     const bool withhold = observer_ && observer_->withholdsWrites();
@@ -486,6 +530,29 @@ std::string CachedStorage::writeBack(std::string* tableNote)
         const std::string note = base_->partitionTableChanged();
         if (tableNote)
             *tableNote = note;
+    }
+    return {};
+}
+
+bool writesWaitForWriteBack(const Interfaces::Storage& storage)
+{
+    if (dynamic_cast<const CachedStorage*>(&storage))
+        return true;
+    if (const auto* window = dynamic_cast<const WindowStorage*>(&storage))
+        return writesWaitForWriteBack(*window->base());
+    if (const auto* undo = dynamic_cast<const UndoStorage*>(&storage))
+        return writesWaitForWriteBack(*undo->base());
+    return false;
+}
+
+CacheBeneath cacheBeneath(Interfaces::Storage& storage)
+{
+    if (auto* cache = dynamic_cast<CachedStorage*>(&storage))
+        return {cache, 0};
+    if (auto* window = dynamic_cast<WindowStorage*>(&storage)) {
+        CacheBeneath beneath = cacheBeneath(*window->base());
+        beneath.offset += window->first();
+        return beneath;
     }
     return {};
 }

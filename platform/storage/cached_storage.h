@@ -82,6 +82,14 @@ public:
     // Forgets the changes not written back yet: reads see the disk again.
     void discardChanges();
 
+    // For a layer above that must be able to take a change back: whether a sector differs from
+    // the content the disk holds (its changes not written back yet), and putting sectors back to
+    // that content. generation() moves on at each write-back and discard, after which the disk's
+    // content is another one.
+    bool changed(std::uint64_t sector) const;
+    bool revert(std::uint64_t first, std::uint64_t count);
+    std::uint64_t generation() const { return generation_; }
+
     void setObserver(Ref<WriteBackObserver> observer) { observer_ = std::move(observer); }
     bool broken() const { return broken_; }
     const std::string& brokenReason() const { return brokenReason_; }
@@ -128,6 +136,7 @@ private:
     bool writeChanges();
     // The chunk's changes are on the disk (or, in a dry run, are the disk's content from now on).
     void settle(std::uint64_t index);
+    void unchange(std::uint64_t index, Chunk& chunk);
     void markBroken(std::string reason);
 
     Ref<Interfaces::Storage> base_;
@@ -140,8 +149,20 @@ private:
     Ref<WriteBackObserver> observer_;
     StorageCounters counters_;
     bool tableChanged_ = false;
+    std::uint64_t generation_ = 0;
     bool broken_ = false;
     std::string brokenReason_;
 };
+
+// Whether storage is a cached block device, or a window or undo layer over one: its writes stay in
+// memory until the write-back at the end of the step.
+bool writesWaitForWriteBack(const Interfaces::Storage& storage);
+
+// The cached block device storage is, or is a window of, and where sector 0 of storage lies on it.
+struct CacheBeneath {
+    CachedStorage* cache = nullptr;
+    std::uint64_t offset = 0;
+};
+CacheBeneath cacheBeneath(Interfaces::Storage& storage);
 
 } // namespace Platform

@@ -41,6 +41,13 @@ public:
         count_ += end - first;
     }
     std::uint64_t size() const { return count_; }
+    // visit(first, end) for each run, in ascending order.
+    template <typename Visit>
+    void forEachRun(Visit visit) const
+    {
+        for (const auto& [first, end] : runs_)
+            visit(first, end);
+    }
     void clear()
     {
         runs_.clear();

@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t kSlotBytes = std::size_t(1) << 20;
 } // namespace
 
-UndoStorage::UndoStorage(Ref<Interfaces::Storage> base) : base_(std::move(base)) {}
+UndoStorage::UndoStorage(Ref<Interfaces::Storage> base) : base_(std::move(base)), cache_(cacheBeneath(*base_)) {}
 
 UndoStorage::~UndoStorage()
 {
@@ -52,20 +52,44 @@ bool UndoStorage::save(std::uint64_t index, std::uint64_t count)
     std::uint64_t last = index + count;
     while (last > first && saved_.contains(last - 1))
         --last;
+    if (saved_.size() == 0 && cache_.cache)
+        cacheGeneration_ = cache_.cache->generation();
+    if (!cache_.cache) {
+        if (!copy(first, last))
+            return false;
+    } else {
+        // Runs of sectors the cache has changed already are copied; the others it puts back.
+        for (std::uint64_t at = first; at < last;) {
+            const bool changed = cache_.cache->changed(cache_.offset + at);
+            std::uint64_t end = at + 1;
+            while (end < last && cache_.cache->changed(cache_.offset + end) == changed)
+                ++end;
+            if (changed && !copy(at, end))
+                return false;
+            if (!changed)
+                unchangedInCache_.insert(at, end);
+            at = end;
+        }
+    }
+    // Sectors inside the run that were kept earlier keep their older contents: restoring the
+    // runs newest first puts those back last.
+    saved_.insert(first, last);
+    makeRoom();
+    return true;
+}
+
+bool UndoStorage::copy(std::uint64_t first, std::uint64_t end)
+{
     const std::size_t size = elementSize();
     const std::uint64_t perRun = std::max<std::uint64_t>(1, kSlotBytes / size);
-    for (std::uint64_t at = first; at < last; at += perRun) {
-        Saved run{at, std::min(perRun, last - at), {}, -1};
+    for (std::uint64_t at = first; at < end; at += perRun) {
+        Saved run{at, std::min(perRun, end - at), {}, -1};
         run.bytes.resize(std::size_t(run.count) * size);
         if (base_->read(run.index, run.count, run.bytes.data()) != run.count)
             return false;
         MemoryBudget::account(std::ptrdiff_t(run.bytes.size()));
         runs_.push_back(std::move(run));
     }
-    // Sectors inside the run that were kept earlier keep their older contents: restoring the
-    // runs newest first puts those back last.
-    saved_.insert(first, last);
-    makeRoom();
     return true;
 }
 
@@ -107,6 +131,12 @@ bool UndoStorage::rollback()
         }
         restored = base_->write(run->index, run->count, bytes) == run->count && restored;
     }
+    // What the cache held unchanged when this change began is the disk's content still, unless
+    // a write-back came between.
+    const bool sameCache = cache_.cache && cache_.cache->generation() == cacheGeneration_;
+    unchangedInCache_.forEachRun([&](std::uint64_t first, std::uint64_t end) {
+        restored = sameCache && cache_.cache->revert(cache_.offset + first, end - first) && restored;
+    });
     restored = base_->flush() && restored;
     keep();
     return restored;
@@ -118,6 +148,7 @@ void UndoStorage::keep()
         MemoryBudget::account(-std::ptrdiff_t(run.bytes.size()));
     runs_.clear();
     saved_.clear();
+    unchangedInCache_.clear();
     spill_.reset();
     spillFailed_ = false;
 }

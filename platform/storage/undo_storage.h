@@ -2,8 +2,10 @@
 // A storage that remembers what each sector held before a change first wrote it, so that a change
 // whose write fails part-way can be taken back: the structure is then old again, not half new.
 // Reads pass through; the old contents are kept in memory within the process's memory budget and
-// in a spill file beyond it.
+// in a spill file beyond it. Over a cached block device, a sector the cache has not changed is
+// not copied: the cache keeps the disk's content of what it changes, and puts it back.
 
+#include "platform/storage/cached_storage.h"
 #include "platform/storage/memory_budget.h"
 #include "platform/storage/sector_set.h"
 #include "platform/storage/spill_file.h"
@@ -46,6 +48,7 @@ public:
     // The change is complete (or a new one begins): the old contents are dropped.
     void keep();
     std::uint64_t savedSectors() const { return saved_.size(); }
+    const Ref<Interfaces::Storage>& base() const { return base_; }
 
 private:
     struct Saved {
@@ -56,11 +59,16 @@ private:
     };
 
     bool save(std::uint64_t index, std::uint64_t count);
+    // Copies the old contents of [first, end) into runs.
+    bool copy(std::uint64_t first, std::uint64_t end);
     void makeRoom();
 
     Ref<Interfaces::Storage> base_;
+    CacheBeneath cache_;
+    std::uint64_t cacheGeneration_ = 0; // the cache's, when this change began
     std::vector<Saved> runs_;
     SectorSet saved_;
+    SectorSet unchangedInCache_; // put back by the cache, not from a copy
     std::unique_ptr<SpillFile> spill_;
     bool spillFailed_ = false;
     MemoryBudget::ColdHolder cold_{[this] { makeRoom(); }};

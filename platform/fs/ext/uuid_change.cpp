@@ -5,6 +5,7 @@
 #include "platform/core/error.h"
 #include "platform/fs/ext/io_manager.h"
 #include "platform/storage/byte_io.h"
+#include "platform/storage/cached_storage.h"
 #include "platform/storage/staging_storage.h"
 
 #include <algorithm>
@@ -349,10 +350,12 @@ bool changeExtUuid(const Ref<Interfaces::Storage>& storage, std::span<const std:
         return false;
     };
     // The whole change is worked out on a staging layer and reaches the disk only when complete.
+    // Under a cache, the change already stays in memory until the step's write-back, and the undo
+    // layer of the volume takes a failed one back: a staging layer would hold the metadata again.
     // The group descriptors are read and checked even where only the superblocks change: a file
     // system whose descriptors are damaged is not touched at all.
-    const auto staging = makeRef<StagingStorage>(storage);
-    ExtFileSystem fs(staging, EXT2_FLAG_RW);
+    const auto staging = writesWaitForWriteBack(*storage) ? Ref<StagingStorage>() : makeRef<StagingStorage>(storage);
+    ExtFileSystem fs(staging ? Ref<Interfaces::Storage>(staging) : storage, EXT2_FLAG_RW);
     if (!fs) {
         return fs.openError() == EXT2_ET_SB_CSUM_INVALID
                    ? refuse(Error::Corrupt, damaged("the superblock"))
@@ -395,7 +398,7 @@ bool changeExtUuid(const Ref<Interfaces::Storage>& storage, std::span<const std:
     // checksums that depend on it are on disk.
     const std::uint64_t sector = storage->elementSize();
     constexpr std::uint64_t superblockEnd = Ext::Layout::kSuperblockOffset + Ext::Layout::kSuperblockSize;
-    if (!staging->commit(Ext::Layout::kSuperblockOffset / sector, (superblockEnd + sector - 1) / sector)) {
+    if (staging && !staging->commit(Ext::Layout::kSuperblockOffset / sector, (superblockEnd + sector - 1) / sector)) {
         return refuse(Error::Io, "writing the changed metadata failed");
     }
     return true;
