@@ -66,8 +66,10 @@ std::string rangeText(const std::vector<Platform::SectorRange>& ranges)
         if (!text.empty())
             text += ", ";
         text += std::to_string(range.first);
-        if (range.count > 1)
-            text += "-" + std::to_string(range.first + range.count - 1);
+        if (range.count > 1) {
+            text += '-';
+            text += std::to_string(range.first + range.count - 1);
+        }
     }
     return text;
 }

@@ -79,7 +79,12 @@ std::string range(std::size_t start, std::size_t count)
 {
     // diff -u: an empty side is shown at the line before it.
     const std::size_t shown = count == 0 ? start : start + 1;
-    return std::to_string(shown) + (count == 1 ? "" : "," + std::to_string(count));
+    std::string text = std::to_string(shown);
+    if (count != 1) {
+        text += ',';
+        text += std::to_string(count);
+    }
+    return text;
 }
 
 } // namespace
