@@ -541,7 +541,7 @@ bool writesWaitForWriteBack(const Interfaces::Storage& storage)
     if (const auto* window = dynamic_cast<const WindowStorage*>(&storage))
         return writesWaitForWriteBack(*window->base());
     if (const auto* undo = dynamic_cast<const UndoStorage*>(&storage))
-        return writesWaitForWriteBack(*undo->base());
+        return undo->base() && writesWaitForWriteBack(*undo->base());
     return false;
 }
 

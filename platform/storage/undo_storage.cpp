@@ -13,7 +13,10 @@ namespace {
 constexpr std::size_t kSlotBytes = std::size_t(1) << 20;
 } // namespace
 
-UndoStorage::UndoStorage(Ref<Interfaces::Storage> base) : base_(std::move(base)), cache_(cacheBeneath(*base_)) {}
+UndoStorage::UndoStorage(Ref<Interfaces::Storage> base)
+    : base_(std::move(base)), cache_(base_ ? cacheBeneath(*base_) : CacheBeneath{})
+{
+}
 
 UndoStorage::~UndoStorage()
 {
