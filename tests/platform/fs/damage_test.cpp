@@ -14,12 +14,15 @@ namespace Platform {
 namespace {
 
 enum class Reseal { None, BtrfsChecksum };
+// A field holding a random id is XORed, not overwritten: the written value could equal the made one.
+enum class Apply { Overwrite, Flip };
 
 struct Break {
     std::uint64_t offset;
     std::vector<std::uint8_t> bytes;
     std::string refusal;
     Reseal reseal = Reseal::None;
+    Apply apply = Apply::Overwrite;
 };
 
 constexpr std::uint64_t kBtrfsSuper = 0x10000;
@@ -45,7 +48,10 @@ void expectRefusals(std::vector<std::string> mkfs, std::uint64_t mib, const std:
     const std::vector<std::uint8_t> valid = storage->bytes();
     for (const Break& broken : breaks) {
         auto& bytes = storage->bytes();
-        std::copy(broken.bytes.begin(), broken.bytes.end(), bytes.begin() + std::ptrdiff_t(broken.offset));
+        for (std::size_t i = 0; i < broken.bytes.size(); ++i) {
+            std::uint8_t& byte = bytes.at(broken.offset + i);
+            byte = broken.apply == Apply::Flip ? std::uint8_t(byte ^ broken.bytes[i]) : broken.bytes[i];
+        }
         reseal(bytes, broken.reseal);
         const auto fs = MountHelper::open(storage);
         ASSERT_TRUE(fs) << broken.refusal;
@@ -92,7 +98,7 @@ TEST(Damage, ExfatBootRegion)
                        {0x1FE, {0x00, 0x00}, exfat + "the boot signature 55 AA is missing" + check},
                        {20, {0x01}, exfat + "byte 20, which must be zero, is not" + check},
                        {0x48, {0, 0, 0, 0, 0, 0, 0, 0x80}, exfat + "the volume is larger than its partition" + check},
-                       {0x64, {0xAA}, exfat + "the boot region fails its checksum" + check},
+                       {0x64, {0xAA}, exfat + "the boot region fails its checksum" + check, Reseal::None, Apply::Flip},
                    });
 }
 
@@ -136,7 +142,7 @@ TEST(Damage, XfsSuperblock)
                        {84, {0, 0, 0, 0}, xfs + "there are no allocation groups" + check},
                        {124, {1}, xfs + "the allocation group size does not fit its block-number width" + check},
                        {8, {0, 0, 0, 0x10, 0, 0, 0, 0}, xfs + "the file system is larger than its partition" + check},
-                       {32, {0xAA}, xfs + "the superblock fails its checksum" + check},
+                       {32, {0xAA}, xfs + "the superblock fails its checksum" + check, Reseal::None, Apply::Flip},
                    });
 }
 
@@ -153,7 +159,11 @@ TEST(Damage, BtrfsSuperblock)
             {kBtrfsSuper + 0xC4,
              {0x01},
              btrfs + "the superblock is checksummed with something other than crc32c" + check},
-            {kBtrfsSuper + 0x20, {0xAA}, btrfs + "the superblock at byte 65536 fails its checksum" + check},
+            {kBtrfsSuper + 0x20,
+             {0xAA},
+             btrfs + "the superblock at byte 65536 fails its checksum" + check,
+             Reseal::None,
+             Apply::Flip},
             {kBtrfsSuper + 0x88, {0x02}, btrfs + "the file system spans 2 devices" + check, Reseal::BtrfsChecksum},
             {kBtrfsSuper + 0x70,
              {0, 0, 0, 0, 0, 0, 0, 0x01},
