@@ -294,12 +294,13 @@ TEST_F(FileSystems, DamagedStructuresAreNotTouched)
         std::uint64_t offset; // within the partition
         std::vector<std::uint8_t> bytes;
         const char* reason;
+        bool flip = false; // XORed into a random id, which a written value could equal
     };
     const std::vector<Damage> damages{
-        {0, 0x0B, {0x03, 0x00}, "run fsck.fat first"}, // FAT16: 3 bytes per sector
-        {0, 0x0D, {0x00}, "run fsck.fat first"},       // FAT16: no sectors per cluster
-        {0, 0x10, {0x00}, "run fsck.fat first"},       // FAT16: no FATs
-        {2, 0x64, {0xAA}, "run fsck.exfat first"},     // exFAT: serial changed behind the checksum's back
+        {0, 0x0B, {0x03, 0x00}, "run fsck.fat first"},   // FAT16: 3 bytes per sector
+        {0, 0x0D, {0x00}, "run fsck.fat first"},         // FAT16: no sectors per cluster
+        {0, 0x10, {0x00}, "run fsck.fat first"},         // FAT16: no FATs
+        {2, 0x64, {0xAA}, "run fsck.exfat first", true}, // exFAT: serial changed behind the checksum's back
         {3, 0x28, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00}, "run chkdsk"}, // NTFS: larger than the partition
         {3, 0x40, {0x7F}, "run chkdsk"},                                           // NTFS: impossible MFT records
         {4, 1024 + 0x04, {0xFF, 0xFF, 0xFF, 0x0F}, "run e2fsck"}, // ext4: more blocks than the partition
@@ -307,9 +308,16 @@ TEST_F(FileSystems, DamagedStructuresAreNotTouched)
     for (const auto& damage : damages) {
         const std::string image = diskWith(families()[damage.family]);
         {
+            const std::uint64_t at = 2048 * 512 + damage.offset;
+            std::vector<std::uint8_t> bytes = damage.bytes;
+            if (damage.flip) {
+                const auto made = readAt(image, at, bytes.size());
+                for (std::size_t i = 0; i < bytes.size(); ++i)
+                    bytes[i] ^= made[i];
+            }
             std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
-            file.seekp(std::streamoff(2048 * 512 + damage.offset));
-            file.write(reinterpret_cast<const char*>(damage.bytes.data()), std::streamsize(damage.bytes.size()));
+            file.seekp(std::streamoff(at));
+            file.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
         }
         const auto before = readAt(image, 0, 70 * kMiB);
         const auto result =
