@@ -16,4 +16,18 @@ std::optional<std::vector<Area>> File::allocation()
     return std::nullopt;
 }
 
+std::optional<std::vector<std::uint8_t>> readWholeFile(File& file)
+{
+    std::vector<std::uint8_t> bytes(file.size());
+    if (!file.seek(0))
+        return std::nullopt;
+    for (std::size_t done = 0; done < bytes.size();) {
+        const std::uint64_t got = file.read(bytes.data() + done, bytes.size() - done);
+        if (got == 0)
+            return std::nullopt;
+        done += std::size_t(got);
+    }
+    return bytes;
+}
+
 } // namespace Platform

@@ -52,6 +52,10 @@ public:
     virtual std::optional<std::vector<Area>> allocation();
 };
 
+// The file's whole contents from its start; nothing when it cannot be read whole (Error as the
+// file set it).
+std::optional<std::vector<std::uint8_t>> readWholeFile(File& file);
+
 struct DirectoryEntry {
     std::string name;
     std::uint32_t type; // 1 a directory, 0 anything else

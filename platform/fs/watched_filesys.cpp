@@ -9,18 +9,10 @@ namespace {
 // The whole file from its start, when it is no larger than the limit.
 std::optional<std::string> contentsOf(File& file)
 {
-    const std::uint64_t size = file.size();
-    if (size > FileChangeLog::kContentLimit || !file.seek(0))
+    if (file.size() > FileChangeLog::kContentLimit)
         return std::nullopt;
-    std::string bytes(size, '\0');
-    std::uint64_t done = 0;
-    while (done < size) {
-        const std::uint64_t got = file.read(bytes.data() + done, size - done);
-        if (got == 0)
-            return std::nullopt;
-        done += got;
-    }
-    return bytes;
+    const auto bytes = readWholeFile(file);
+    return bytes ? std::optional<std::string>(std::in_place, bytes->begin(), bytes->end()) : std::nullopt;
 }
 
 // A file opened for writing: what it held when opened, and whether anything was written since.

@@ -531,12 +531,9 @@ std::optional<std::vector<std::uint8_t>> readWhole(File& file)
         Error::set(Error::TooLarge, "the file is larger than any hive");
         return std::nullopt;
     }
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(size));
-    if (!file.seek(0) || file.read(bytes.data(), bytes.size()) != bytes.size()) {
-        if (Error::get() == Error::None)
-            Error::set(Error::Io, "the file could not be read whole");
-        return std::nullopt;
-    }
+    auto bytes = readWholeFile(file);
+    if (!bytes && Error::get() == Error::None)
+        Error::set(Error::Io, "the file could not be read whole");
     return bytes;
 }
 

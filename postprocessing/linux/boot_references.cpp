@@ -55,22 +55,14 @@ bool isInitramfsName(const std::string& name)
            (StringUtil::startsWith(name, "initramfs-") && StringUtil::endsWith(name, ".img"));
 }
 
-std::vector<u8> readWhole(Platform::File& file, bool& ok)
-{
-    std::vector<u8> bytes(file.size());
-    file.seek(0);
-    ok = file.read(bytes.data(), bytes.size()) == bytes.size();
-    return bytes;
-}
-
 StepResult adjustInitramfs(const Ref<Platform::File>& file, const std::string& path, const Tools::IdMaps& maps)
 {
-    bool ok = false;
-    const auto image = readWhole(*file, ok);
-    if (!ok) {
+    const auto whole = Platform::readWholeFile(*file);
+    if (!whole) {
         LogMessage(Channels::linuxSys(), LogError) << "Could not read " << path;
         return StepResult::Failed;
     }
+    const std::vector<u8>& image = *whole;
     if (!Platform::looksLikeInitramfs(image)) {
         LogMessage(Channels::linuxSys(), LogWarning) << path << " is no initramfs image; left as it is";
         return StepResult::NothingFound;

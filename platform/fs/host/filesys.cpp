@@ -112,8 +112,11 @@ Ref<File> HostFilesys::openExisting(const std::string& path, Access access)
     const std::string host = hostPath(path);
     if (refuseOutsidePath(host))
         return {};
-    if (overlay_)
-        return openInOverlay(host, access);
+    return overlay_ ? openInOverlay(host, access) : openOnHost(host, access);
+}
+
+Ref<File> HostFilesys::openOnHost(const std::string& host, Access access)
+{
     const int fd = ::open(host.c_str(), (access == Access::ReadWrite ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     if (fd < 0) {
         Error::setFromErrno();
@@ -203,24 +206,6 @@ std::string parentOf(const std::string& host)
     return slash == std::string::npos || slash == 0 ? "/" : host.substr(0, slash);
 }
 
-// The host file's bytes; false (Error set) when it cannot be read.
-bool readHostFile(const std::string& host, std::vector<std::uint8_t>& bytes)
-{
-    const int fd = ::open(host.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        Error::setFromErrno();
-        return false;
-    }
-    std::uint8_t block[1 << 16];
-    ssize_t got = 0;
-    while ((got = ::read(fd, block, sizeof block)) > 0)
-        bytes.insert(bytes.end(), block, block + got);
-    if (got < 0)
-        Error::setFromErrno();
-    ::close(fd);
-    return got == 0;
-}
-
 } // namespace
 
 bool HostFilesys::existsInOverlay(const std::string& host) const
@@ -238,21 +223,16 @@ Ref<File> HostFilesys::openInOverlay(const std::string& host, Access access)
     }
     if (auto kept = overlay_->contents(host))
         return makeRef<MemoryFile>(std::move(kept));
-    if (overlay_->madeDirectory(host) || hostKind(host) == HostKind::Directory) {
+    if (overlay_->madeDirectory(host)) {
         Error::set(Error::IsDirectory);
         return {};
     }
-    std::vector<std::uint8_t> bytes;
-    if (hostKind(host) == HostKind::Missing) {
-        Error::set(Error::PathNotFound);
-        return {};
-    }
-    if (!readHostFile(host, bytes))
-        return {};
-    // A file opened for reading only is not kept: the host's copy stands.
-    if (access == Access::ReadOnly)
-        return makeRef<MemoryFile>(std::move(bytes));
-    return makeRef<MemoryFile>(overlay_->keep(host, std::move(bytes)));
+    // A file opened for reading only is read where it is: the host's copy stands.
+    const auto onHost = openOnHost(host, Access::ReadOnly);
+    if (!onHost || access == Access::ReadOnly)
+        return onHost;
+    auto bytes = readWholeFile(*onHost);
+    return bytes ? makeRef<MemoryFile>(overlay_->keep(host, std::move(*bytes))) : Ref<File>();
 }
 
 bool HostFilesys::createInOverlay(const std::string& host)
@@ -282,9 +262,12 @@ bool HostFilesys::makeDirectoryInOverlay(const std::string& host)
 
 bool HostFilesys::removeInOverlay(const std::string& host)
 {
-    if (!overlay_->contents(host) && (overlay_->removed(host) || hostKind(host) != HostKind::File)) {
-        Error::set(hostKind(host) == HostKind::Directory ? Error::IsDirectory : Error::PathNotFound);
-        return false;
+    if (!overlay_->contents(host)) {
+        const HostKind kind = overlay_->removed(host) ? HostKind::Missing : hostKind(host);
+        if (kind != HostKind::File) {
+            Error::set(kind == HostKind::Directory ? Error::IsDirectory : Error::PathNotFound);
+            return false;
+        }
     }
     overlay_->remove(host);
     return true;

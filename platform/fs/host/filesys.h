@@ -26,6 +26,7 @@ private:
     // The host path, or empty when path would leave the root.
     std::string hostPath(const std::string& path) const;
 
+    Ref<File> openOnHost(const std::string& host, Access access);
     // The same operations on the overlay.
     Ref<File> openInOverlay(const std::string& host, Access access);
     bool createInOverlay(const std::string& host);
