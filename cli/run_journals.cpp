@@ -90,9 +90,9 @@ std::string stampOf(const fs::path& journal)
     return journal.stem().string();
 }
 
-fs::path folderOf(const std::string& root, const FileStorage& target)
+fs::path folderOf(const std::string& root, const std::string& identity)
 {
-    return fs::path(root) / "targets" / folderName(target.identity());
+    return fs::path(root) / "targets" / folderName(identity);
 }
 
 bool sameShape(const JournalFile& journal, const FileStorage& target, std::string& problem)
@@ -124,7 +124,7 @@ std::string journalRoot(const std::optional<std::string>& chosen)
 std::string journalFolder(const std::string& root, const FileStorage& target, std::string& problem)
 {
     const std::string identity = target.identity();
-    const fs::path folder = folderOf(root, target);
+    const fs::path folder = folderOf(root, identity);
     std::error_code error;
     fs::create_directories(folder, error);
     if (error) {
@@ -171,7 +171,7 @@ void warnOfUnfinishedRuns(const std::string& root, const FileStorage& target)
 {
     if (root.empty())
         return;
-    if (const auto unfinished = journals(folderOf(root, target).string(), {kActive}); !unfinished.empty())
+    if (const auto unfinished = journals(folderOf(root, target.identity()).string(), {kActive}); !unfinished.empty())
         std::fprintf(stderr,
                      "postclone: the run of %s on %s did not finish; this dry run shows the disk as that run left it, "
                      "and the next run puts its sectors back first\n",

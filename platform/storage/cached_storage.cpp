@@ -263,12 +263,11 @@ bool CachedStorage::spill(std::uint64_t index, Chunk& chunk)
 }
 
 // What other holders keep only for a failure goes first, then clean chunks, the least recently
-// used of them; then changed chunks move to the temporary file. When that cannot be written, memory goes over the limit
-// rather than the run failing.
+// used of them; then changed chunks move to the temporary file. When that cannot be written,
+// memory goes over the limit rather than the run failing.
 void CachedStorage::makeRoom()
 {
-    if (MemoryBudget::exceeded())
-        MemoryBudget::releaseCold();
+    MemoryBudget::releaseCold();
     while (overLimit() && !lru_.empty())
         dropClean(lru_.front());
     if (!overLimit())
