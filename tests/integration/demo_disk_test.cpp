@@ -23,14 +23,6 @@ namespace fs = std::filesystem;
 
 const std::string kRootUuid = "3f1e2d4c-5b6a-4978-8a9b-0c1d2e3f4a5b";
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 std::string md5(const std::string& path)
 {
     return runTool({"md5sum", path}).substr(0, 32);
@@ -142,7 +134,7 @@ TEST_F(DemoDisk, ADryRunLeavesAMountedFolderAsItWasAndShowsItsEdits)
 
     const auto dry = runOnReadOnlyImage({"--dry-run", "--preset", "1", "--mounted", "2=" + mounted, image});
     ASSERT_EQ(dry.exitCode, 0) << dry.err;
-    EXPECT_EQ(slurp(mounted + "/etc/fstab"), "UUID=" + kRootUuid + " / ext4 errors=remount-ro 0 1\n");
+    EXPECT_EQ(TestSupport::readFile(mounted + "/etc/fstab"), "UUID=" + kRootUuid + " / ext4 errors=remount-ro 0 1\n");
     EXPECT_EQ(fs::last_write_time(mounted + "/etc/fstab"), stamp);
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(mounted), fs::recursive_directory_iterator()), 2);
     EXPECT_NE(dry.out.find("dry run: nothing was written; the run would change:\n"), std::string::npos) << dry.out;

@@ -9,20 +9,11 @@
 #include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 
 namespace {
 
 using TestSupport::run;
 using TestSupport::runTool;
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
 
 std::string match(const std::string& text, const std::string& pattern)
 {
@@ -195,12 +186,12 @@ TEST_F(DiskLevel, GptCopiedToALargerDiskMovesItsBackupToTheEnd)
 {
     const std::string small = gptImage("small.img", 48);
     const std::string large = dir.file("large.img");
-    std::ofstream(large, std::ios::binary) << readFile(small);
+    std::ofstream(large, std::ios::binary) << TestSupport::readFile(small);
     std::filesystem::resize_file(large, 96 << 20);
 
     EXPECT_EQ(word(postcloneJson({"--enable", "disk-ids", large}), 0), "Ok");
     expectSgdiskClean(large);
-    const std::string bytes = readFile(large);
+    const std::string bytes = TestSupport::readFile(large);
     EXPECT_EQ(bytes.substr(bytes.size() - 512, 8), "EFI PART");
     EXPECT_NE(runTool({"sgdisk", "-p", large}).find("last usable sector is 196574"), std::string::npos);
 }
@@ -255,12 +246,12 @@ TEST_F(DiskLevel, BadTablesAreReportedAndNeverWritten)
     }
 
     for (const auto& image : images) {
-        const std::string before = readFile(image);
+        const std::string before = TestSupport::readFile(image);
         std::vector<std::string> args{POSTCLONE_BINARY, "--enable", "disk-ids", "--enable",     "part-ids",
                                       "--enable",       "mbr-chs",  "--enable", "media-direct", image};
         const auto result = run(args);
         EXPECT_NE(result.err.find("Could not get Partition manager"), std::string::npos) << image << result.err;
-        EXPECT_EQ(readFile(image), before) << image;
+        EXPECT_EQ(TestSupport::readFile(image), before) << image;
         // An empty disk has no table to refuse; a damaged table is refused, reported, and fails the run.
         const bool empty = image == images.front();
         EXPECT_EQ(result.exitCode, empty ? 0 : 1) << image << result.err;

@@ -13,7 +13,6 @@
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 
 namespace {
 
@@ -21,14 +20,6 @@ using TestSupport::run;
 using TestSupport::runTool;
 
 constexpr std::uint64_t kRootStart = 2048; // sectors
-
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 void write(const std::string& path, const std::string& content)
 {
@@ -227,9 +218,10 @@ protected:
         std::string packed = got;
         if (compression == "zstd") {
             const auto earlySize = std::filesystem::file_size(dir.file("initrd/early.cpio"));
-            EXPECT_EQ(slurp(got).substr(0, earlySize), slurp(dir.file("initrd/early.cpio")));
+            EXPECT_EQ(TestSupport::readFile(got).substr(0, earlySize),
+                      TestSupport::readFile(dir.file("initrd/early.cpio")));
             packed = got + ".main";
-            write(packed, slurp(got).substr(earlySize));
+            write(packed, TestSupport::readFile(got).substr(earlySize));
         }
         if (compression == "xz") { // the kernel reads xz with a CRC32 check only
             EXPECT_NE(runTool({"xz", "--robot", "-lv", packed}).find("CRC32"), std::string::npos);
@@ -243,11 +235,14 @@ protected:
             << compression;
         sh("cd '" + unpacked + "' && cpio -id --quiet < '" + unpacked + ".cpio'");
         const std::string main = dir.file("initrd/main");
-        EXPECT_EQ(slurp(unpacked + "/conf/conf.d/resume"), "RESUME=UUID=" + newSwap + "\n") << compression;
+        EXPECT_EQ(TestSupport::readFile(unpacked + "/conf/conf.d/resume"), "RESUME=UUID=" + newSwap + "\n")
+            << compression;
         for (const char* same : {"/conf/initramfs.conf", "/scripts/local", "/bin/tool"})
-            EXPECT_EQ(slurp(unpacked + same), slurp(main + same)) << compression << same;
+            EXPECT_EQ(TestSupport::readFile(unpacked + same), TestSupport::readFile(main + same))
+                << compression << same;
         EXPECT_EQ(std::filesystem::read_symlink(unpacked + "/bin/link"), "tool");
-        EXPECT_NE(slurp(unpacked + "/cryptroot/crypttab"), slurp(main + "/cryptroot/crypttab"));
+        EXPECT_NE(TestSupport::readFile(unpacked + "/cryptroot/crypttab"),
+                  TestSupport::readFile(main + "/cryptroot/crypttab"));
     }
 };
 

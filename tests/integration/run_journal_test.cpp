@@ -27,14 +27,6 @@ void write(const std::string& path, const std::string& content)
     std::ofstream(path, std::ios::binary) << content;
 }
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 std::string sh(const std::string& command)
 {
     return runTool({"sh", "-c", command});
@@ -176,7 +168,7 @@ TEST_F(RunJournalOnDisk, ARunKilledAtAnyWriteIsPutBackByTheNextRunOrByUndo)
         run({"strace", "-f", "-qq", "-e", "trace=pwrite64,fsync", "-e", "signal=none", "-o", dir.file("trace"), "env",
              untracedLeakCheck(), POSTCLONE_BINARY, "--preset", "1", "--journal-dir", journals, image});
     ASSERT_EQ(traced.exitCode, 0) << traced.err;
-    const WriteCalls calls = countWrites(slurp(dir.file("trace")));
+    const WriteCalls calls = countWrites(TestSupport::readFile(dir.file("trace")));
     ASSERT_GE(calls.total, 20u);
     ASSERT_GE(calls.afterFlush.size(), 2u) << "the ids and the files are written by different steps";
     std::set<std::uint64_t> points(calls.afterFlush.begin(), calls.afterFlush.end());

@@ -13,17 +13,13 @@ extern char** environ;
 
 namespace TestSupport {
 
-namespace {
-
-std::string slurp(const std::filesystem::path& path)
+std::string readFile(const std::filesystem::path& path)
 {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
 }
-
-} // namespace
 
 CommandResult run(const std::vector<std::string>& argv)
 {
@@ -47,7 +43,7 @@ CommandResult run(const std::vector<std::string>& argv)
         return {-1, {}, "could not start " + argv[0]};
     int status = 0;
     waitpid(pid, &status, 0);
-    CommandResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(outPath), slurp(errPath)};
+    CommandResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(outPath), readFile(errPath)};
     // `make asan` gives sanitizer reports exit codes of their own: a memory error in a program
     // under test fails the test whatever exit code the test expected.
     if (result.exitCode == kAddressSanitizerExit || result.exitCode == kUndefinedSanitizerExit)
@@ -92,7 +88,7 @@ namespace TestSupport {
 
 Platform::Ref<Platform::MemoryStorage> loadImage(const std::string& path)
 {
-    const std::string bytes = slurp(path);
+    const std::string bytes = readFile(path);
     auto storage = Platform::makeRef<Platform::MemoryStorage>(512u, bytes.size() / 512);
     std::copy(bytes.begin(), bytes.begin() + std::ptrdiff_t(storage->bytes().size()), storage->bytes().begin());
     return storage;

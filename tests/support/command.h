@@ -38,6 +38,9 @@ private:
 // A zero-filled (sparse) file of the given size.
 void createImage(const std::string& path, std::uint64_t bytes);
 
+// A file's whole contents (empty when it cannot be read).
+std::string readFile(const std::filesystem::path& path);
+
 // length bytes of a file from offset (zeros past its end).
 std::vector<std::uint8_t> readAt(const std::string& path, std::uint64_t offset, std::size_t length);
 

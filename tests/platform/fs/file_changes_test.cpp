@@ -12,20 +12,11 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 
 namespace Platform {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string slurp(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 std::string readAll(Filesys& filesys, const std::string& path)
 {
@@ -89,7 +80,7 @@ TEST_F(LogInstalled, AHostFolderIsOnlyReadAndLaterFacadesSeeTheRunsChanges)
         EXPECT_EQ(Error::get(), Error::Exists);
         EXPECT_FALSE(first->openFile("/etc/missing/file", OpenFlags::CreateOrOpen));
     }
-    EXPECT_EQ(slurp(dir.path() / "etc/fstab"), "UUID=old / ext4 defaults 0 1\n");
+    EXPECT_EQ(TestSupport::readFile(dir.path() / "etc/fstab"), "UUID=old / ext4 defaults 0 1\n");
     EXPECT_EQ(fs::last_write_time(dir.path() / "etc/fstab"), stamp);
     EXPECT_TRUE(fs::exists(dir.path() / "etc/hostname"));
     EXPECT_FALSE(fs::exists(dir.path() / "etc/conf.d"));
@@ -140,7 +131,7 @@ TEST_F(LogInstalled, EachFileIsOneRecordFromWhatItWasToWhatItBecame)
 TEST_F(LogInstalled, AnUnwatchedFolderIsWritten)
 {
     writeAll(*open(OpenFlags::Unwatched), "/etc/fstab", "written\n", OpenFlags::ReadWriteExisting);
-    EXPECT_EQ(slurp(dir.path() / "etc/fstab"), "written\n");
+    EXPECT_EQ(TestSupport::readFile(dir.path() / "etc/fstab"), "written\n");
     EXPECT_TRUE(log.take().empty());
 }
 
@@ -150,7 +141,7 @@ TEST_F(LogInstalled, AFileSystemImageNamedByPathIsChangedInMemoryOnly)
     TestSupport::runTool({"mkfs.fat", "-C", image, "8192"});
     std::ofstream(dir.file("grub.cfg")) << "search --fs-uuid old\n";
     TestSupport::runTool({"mcopy", "-i", image, dir.file("grub.cfg"), "::/grub.cfg"});
-    const std::string before = slurp(image);
+    const std::string before = TestSupport::readFile(image);
     {
         const auto facade = Filesys::create(image, 0, Access::ReadWrite);
         ASSERT_TRUE(facade);
@@ -158,7 +149,7 @@ TEST_F(LogInstalled, AFileSystemImageNamedByPathIsChangedInMemoryOnly)
         EXPECT_EQ(readAll(*facade, "/grub.cfg"), "search --fs-uuid new\n");
         EXPECT_TRUE(facade->flush());
     }
-    EXPECT_EQ(slurp(image), before);
+    EXPECT_EQ(TestSupport::readFile(image), before);
     const auto changes = log.take();
     ASSERT_EQ(changes.size(), 1u);
     EXPECT_EQ(changes[0].volumePath, image);
